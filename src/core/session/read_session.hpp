@@ -1,0 +1,80 @@
+// What both readers share: one read at a time on its own worker thread, the answers that the application hands over, and
+// the two ways a read is stopped from outside.
+//
+//  - Cancelling sets a flag that the worker looks at after each step; it does not wake a worker that waits for a card.
+//  - Superseding (a new read, or the end of the environment that started this one) wakes it at once. A superseded read
+//    ends without any report and releases what it holds; only then does the new worker begin.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "core/config/session_config.h"
+
+namespace tq {
+
+enum class ReadKind : uint8_t { kIdentityCard, kPassport };
+
+// The most bytes of one card answer; longer ones count as missing.
+constexpr size_t kMaxCardAnswer = 300;
+
+// One answer as the application handed it back.
+struct CardAnswer {
+  std::array<uint8_t, kMaxCardAnswer> data{};
+  uint16_t length = 0;  // 0 when the answer was missing or refused
+  uint8_t serial = 0;   // number of the command that it answers
+  int32_t status = 0;   // -1: the card exchange failed
+
+  std::span<const uint8_t> bytes() const { return std::span(data).first(length); }
+};
+
+// One running read, seen from its worker.
+class ReadSession {
+ public:
+  virtual SessionConfig& config() = 0;
+
+  // Sleeps until the next answer has been handed over. Returns false when the read has been superseded.
+  virtual bool wait_for_answer(CardAnswer& out) = 0;
+
+  virtual bool superseded() const = 0;
+
+  // True after a cancel, and when superseded.
+  virtual bool cancelled() const = 0;
+
+ protected:
+  ~ReadSession() = default;
+};
+
+using ReadBody = void (*)(ReadSession& session);
+using Interrupt = void (*)();
+
+// Starts a worker that runs `body` with a copy of `cfg`. An unfinished read is superseded: `interrupt` is called to end
+// what it waits for on the network. Returns at once: TQ_OK, or TQ_NO_THREAD (then a running read goes on).
+int32_t start_read(ReadKind kind, const SessionConfig& cfg, ReadBody body, Interrupt interrupt);
+
+// Supersedes the unfinished read that was started with `owner`, without starting another.
+void abandon_read(const SessionConfig* owner, Interrupt interrupt);
+
+// Hands an answer to the running read of this kind, without ever blocking. Up to four wait while a step is being worked
+// on; more are dropped, and so are answers that belong to no running read.
+void deliver_answer(ReadKind kind, std::span<const uint8_t> data, uint8_t serial, int32_t status);
+
+// Sets the cancel flag of the unfinished read of this kind, if there is one.
+void cancel_read(ReadKind kind);
+
+// True while a read started with `owner` is neither finished, superseded nor cancelled.
+bool read_in_progress(const SessionConfig* owner);
+
+// On a worker thread: the record that its read was started with, as an identity only. Null elsewhere.
+const SessionConfig* current_read_owner();
+
+// On a worker thread: true once its read has been superseded. False elsewhere.
+bool current_read_superseded();
+
+// `hook` is called on the worker thread after a read has ended and released everything, with its owner.
+using ReadEndHook = void (*)(const SessionConfig* owner);
+void set_read_end_hook(ReadEndHook hook);
+
+}  // namespace tq
