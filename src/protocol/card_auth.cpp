@@ -1,0 +1,115 @@
+#include "protocol/card_auth.h"
+
+#include <algorithm>
+
+#include "protocol/secret_frame.h"
+#include "protocol/session_values.hpp"
+#include "util/byte_cursor.hpp"
+#include "util/secret.hpp"
+
+namespace tq {
+namespace {
+
+constexpr size_t kRandomLength = 4;
+constexpr size_t kManagementLength = 32;
+constexpr size_t kShortAnswer = 8;
+constexpr size_t kLongAnswer = 18;
+constexpr size_t kSecretFraming = 32;
+constexpr size_t kLongestData = kRandomLength + 1 + TQ_DEVICE_ID_MAX + 4 + kManagementLength;
+constexpr uint32_t kLeastFrame = 12;
+
+// INTERNAL AUTHENTICATE and EXTERNAL AUTHENTICATE for the server's 8 bytes.
+constexpr uint8_t kInternalAuthenticate[] = {0x00, 0x88, 0x00, 0x52, 0x0A, 0xF0, 0x00};
+constexpr uint8_t kExternalAuthenticate[] = {0x00, 0x82, 0x00, 0x52, 0x0A, 0xF0, 0x01};
+
+struct AnswerRule {
+  uint32_t request;
+  uint32_t answer;  // command code in the answer's secret frame
+  std::span<const uint8_t> prefix;
+  uint32_t least_capacity;
+};
+
+constexpr AnswerRule kAnswerRules[] = {
+    {kCardAuth1, kCardAuth1, kInternalAuthenticate, 8},
+    {kCardAuth3, kCardAuth3, kExternalAuthenticate, 8},
+    {kCardAuth2And3, kCardAuth3, kExternalAuthenticate, 8},
+};
+
+AnswerRule answer_rule(uint32_t command) {
+  for (const AnswerRule& rule : kAnswerRules) {
+    if (rule.request == command) return rule;
+  }
+  return {command, command, {}, 5};
+}
+
+uint8_t nibbles(uint8_t low, uint8_t high) {
+  return static_cast<uint8_t>((low & 0x0F) | high << 4);
+}
+
+bool write_first_data(ByteWriter& w, SessionConfig& cfg, std::span<const uint8_t> card) {
+  const DeviceId device(cfg);
+  if (card.size() != kManagementLength || !device.fits()) return false;
+  uint8_t random[kRandomLength];
+  create_rand_number(&cfg, random, kRandomLength);
+  w.bytes(random);
+  w.u8(static_cast<unsigned>(device.bytes().size()));
+  w.bytes(device.bytes());
+  w.u8(nibbles(cfg.decodeMode, cfg.readMode));
+  w.u8(nibbles(cfg.queryInfo[0], cfg.frameFlag));
+  w.u8(nibbles(cfg.queryInfo[2], cfg.queryInfo[1]));
+  w.u8(static_cast<unsigned>(card.size()));
+  w.bytes(card);
+  return w.ok();
+}
+
+bool write_later_data(ByteWriter& w, std::span<const uint8_t> card) {
+  if (card.size() != kShortAnswer && card.size() != kLongAnswer) return false;
+  w.bytes(card);
+  w.number(0x9000, 2);
+  return w.ok();
+}
+
+}  // namespace
+}  // namespace tq
+
+extern "C" {
+
+int32_t input_auth_cmd_group(SessionConfig* cfg, const uint8_t* card, uint32_t cardLength, uint32_t command,
+                             const uint8_t* workKey, uint8_t* out, uint32_t capacity) {
+  using namespace tq;
+  if (cfg == nullptr || card == nullptr || workKey == nullptr || out == nullptr) return TQ_FAILED;
+  Secret<kLongestData> data;
+  ByteWriter w(data.bytes());
+  const std::span<const uint8_t> answer(card, cardLength);
+  const bool written = command == kCardAuth1 ? write_first_data(w, *cfg, answer) : write_later_data(w, answer);
+  if (!written) return TQ_FAILED;
+
+  Secret<kLongestData + kSecretFraming> secret;
+  const int32_t len = input_secret_command_group(data.data(), static_cast<uint32_t>(w.size()), command, workKey,
+                                                 secret.data(), static_cast<uint32_t>(w.size() + kSecretFraming));
+  if (len < 0) return TQ_FAILED;
+  return input_command_group(secret.data(), static_cast<uint32_t>(len), kHeaderIdentityCard, command, kFrameParameter,
+                             kTypePlain, out, capacity);
+}
+
+int32_t output_auth_cmd_analysis(const uint8_t* frame, uint32_t frameLength, uint32_t command, const uint8_t* workKey,
+                                 uint8_t* out, uint32_t capacity) {
+  using namespace tq;
+  const AnswerRule rule = answer_rule(command);
+  if (frame == nullptr || out == nullptr || frameLength < kLeastFrame || capacity < rule.least_capacity) return TQ_FAILED;
+  ScratchBuffer secret(frameLength);
+  if (!secret) return TQ_FAILED;
+  uint32_t parameter = 0;
+  const int32_t secret_len = output_command_anlysis(frame, frameLength, kHeaderIdentityCard, command, &parameter,
+                                                    kTypePlain, workKey, secret.data(), frameLength);
+  if (secret_len < 0) return secret_len;
+  const int32_t len = output_secret_command_analysis(secret.data(), static_cast<uint32_t>(secret_len), rule.answer,
+                                                     secret.data(), frameLength);
+  if (len < 0) return len;
+  ByteWriter w({out, capacity});
+  w.bytes(rule.prefix);
+  w.bytes(secret.bytes().first(static_cast<size_t>(len)));
+  return w.ok() ? static_cast<int32_t>(w.size()) : TQ_FAILED;
+}
+
+}  // extern "C"

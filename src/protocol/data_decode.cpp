@@ -1,0 +1,138 @@
+#include "protocol/data_decode.h"
+
+#include <algorithm>
+
+#include "crypto/sm4_padding.h"
+#include "protocol/command_frame.h"
+#include "protocol/commands.hpp"
+#include "protocol/secret_frame.h"
+#include "protocol/secret_frame.hpp"
+#include "util/byte_cursor.hpp"
+#include "util/secret.hpp"
+
+namespace tq {
+namespace {
+
+constexpr size_t kReservedLength = 64;
+constexpr size_t kFileMarks = 4;  // the two file identifiers
+constexpr size_t kSecretFraming = 10;
+constexpr size_t kTimingLength = 4;
+constexpr size_t kBlockPadding = 16;
+constexpr uint32_t kLeastFrame = 12;
+
+struct CardFiles {
+  std::span<const uint8_t> management;
+  std::span<const uint8_t> file6011;
+  std::span<const uint8_t> file6012;
+  std::span<const uint8_t> file6013;
+};
+
+bool takes_file_6013(uint32_t command) {
+  return command == kDecodeFile6013;
+}
+
+bool is_decode_command(uint32_t command) {
+  return command == kDecodeFiles || command == kDecodeIdentity || command == kDecodeFile6013;
+}
+
+bool sizes_match(const CardFiles& files, uint32_t command) {
+  if (takes_file_6013(command)) return files.file6013.size() == TQ_FILE_6013_LENGTH;
+  return files.management.size() == TQ_MANAGEMENT_LENGTH && files.file6011.size() == TQ_FILE_6011_LENGTH &&
+         files.file6012.size() == TQ_FILE_6012_LENGTH;
+}
+
+size_t data_length(uint32_t command) {
+  constexpr size_t kFirstFiles = TQ_MANAGEMENT_LENGTH + TQ_FILE_6011_LENGTH + TQ_FILE_6012_LENGTH + kFileMarks;
+  const size_t files = takes_file_6013(command) ? size_t{TQ_FILE_6013_LENGTH} : kFirstFiles;
+  return command == kDecodeFiles ? files : files + kReservedLength;
+}
+
+void write_data(ByteWriter& w, const CardFiles& files, uint32_t command) {
+  if (takes_file_6013(command)) {
+    w.bytes(files.file6013);
+  } else {
+    w.bytes(files.management);
+    w.number(0x6011, 2);
+    w.bytes(files.file6011);
+    w.number(0x6012, 2);
+    w.bytes(files.file6012);
+  }
+  if (command != kDecodeFiles) w.fill(0xFF, kReservedLength);
+}
+
+// The timing bytes lie behind the end marker, outside the secret frame's length.
+void write_timing(ByteWriter& w, const TqTiming& timing) {
+  w.number(timing.cardTime & 0xFFFF, 2);
+  w.number(timing.fileTime & 0xFFFF, 2);
+}
+
+// The encrypted secret frame, in `room`. Returns its length, or TQ_FAILED.
+int32_t encrypted_frame(std::span<const uint8_t> data, uint32_t command, const TqTiming* timing, const uint8_t* work_key,
+                        std::span<uint8_t> room) {
+  ByteWriter w(room.first(room.size() - kBlockPadding));
+  write_secret_frame(w, command, data);
+  if (command != kDecodeFiles) {
+    if (timing == nullptr) return TQ_FAILED;
+    write_timing(w, *timing);
+  }
+  if (!w.ok()) return TQ_FAILED;
+  return TQ_sm4Encrypt(room.data(), static_cast<int32_t>(w.size()), work_key, 0, room.data());
+}
+
+int32_t build_request(const CardFiles& files, uint32_t command, const TqTiming* timing, const uint8_t* work_key,
+                      std::span<uint8_t> out) {
+  const size_t len = data_length(command);
+  ScratchBuffer data(len);
+  ScratchBuffer secret(len + kSecretFraming + kTimingLength + kBlockPadding);
+  if (!data || !secret) return TQ_FAILED;
+  ByteWriter w(data.bytes());
+  write_data(w, files, command);
+  if (!w.ok()) return TQ_FAILED;
+  const int32_t secret_len = encrypted_frame(w.written(), command, timing, work_key, secret.bytes());
+  if (secret_len < 0) return TQ_FAILED;
+  return input_command_group(secret.data(), static_cast<uint32_t>(secret_len), kHeaderIdentityCard, command,
+                             kFrameParameter, kTypePlain, out.data(), static_cast<uint32_t>(out.size()));
+}
+
+std::span<const uint8_t> borrowed(const uint8_t* bytes, uint32_t len) {
+  return bytes == nullptr ? std::span<const uint8_t>{} : std::span<const uint8_t>{bytes, len};
+}
+
+}  // namespace
+}  // namespace tq
+
+extern "C" {
+
+int32_t input_data_decode_group(const uint8_t* management, uint32_t managementLength, const uint8_t* file6011,
+                                uint32_t file6011Length, const uint8_t* file6012, uint32_t file6012Length,
+                                const uint8_t* file6013, uint32_t file6013Length, uint32_t command,
+                                const uint8_t* workKey, uint8_t* out, uint32_t capacity, const TqTiming* timing) {
+  using namespace tq;
+  const CardFiles files{borrowed(management, managementLength), borrowed(file6011, file6011Length),
+                        borrowed(file6012, file6012Length), borrowed(file6013, file6013Length)};
+  if (workKey == nullptr || out == nullptr || !is_decode_command(command) || !sizes_match(files, command)) {
+    return TQ_FAILED;
+  }
+  return build_request(files, command, timing, workKey, {out, capacity});
+}
+
+int32_t output_data_decode_analysis(const uint8_t* frame, uint32_t frameLength, uint32_t command,
+                                    const uint8_t* workKey, uint8_t* out, uint32_t capacity) {
+  using namespace tq;
+  if (frame == nullptr || out == nullptr || frameLength < kLeastFrame) return TQ_FAILED;
+  ScratchBuffer payload(frameLength);
+  if (!payload) return TQ_FAILED;
+  uint32_t parameter = 0;
+  const uint8_t type = command == kDecodeFiles ? kTypePlain : kTypeFlagged;
+  const int32_t len = output_command_anlysis(frame, frameLength, kHeaderIdentityCard, command, &parameter, type, workKey,
+                                             payload.data(), frameLength);
+  if (len < 0) return len;
+  if (command == kDecodeFiles) {
+    return output_secret_command_analysis(payload.data(), static_cast<uint32_t>(len), command, out, capacity);
+  }
+  std::fill_n(out, capacity, uint8_t{0});
+  static_cast<void>(copy_bytes(payload.bytes().first(static_cast<size_t>(len)), {out, capacity}));
+  return len;
+}
+
+}  // extern "C"
