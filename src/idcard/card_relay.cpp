@@ -1,0 +1,137 @@
+#include "idcard/card_relay.h"
+
+#include <algorithm>
+#include <array>
+#include <iterator>
+#include <span>
+
+#include "core/session/read_session.hpp"
+#include "util/byte_cursor.hpp"
+#include "util/diagnostics.h"
+
+namespace {
+
+using Bytes = std::span<const uint8_t>;
+
+constexpr uint32_t kStatusGood = 0x9000;
+
+constexpr uint8_t kReqb[] = {0x05, 0x00, 0x00};
+constexpr uint8_t kAttrib[] = {0x1D, 0x00, 0x00, 0x00, 0x00, 0x00, 0x08, 0x01, 0x08};
+constexpr uint8_t kSelect6002[] = {0x00, 0xA4, 0x00, 0x00, 0x02, 0x60, 0x02};
+constexpr uint8_t kReadManagement[] = {0x80, 0xB0, 0x00, 0x00, 0x20};
+constexpr uint8_t kSelect6011[] = {0x00, 0xA4, 0x00, 0x00, 0x02, 0x60, 0x11};
+constexpr uint8_t kSelect6012[] = {0x00, 0xA4, 0x00, 0x00, 0x02, 0x60, 0x12};
+constexpr uint8_t kSelect6013[] = {0x00, 0xA4, 0x00, 0x00, 0x02, 0x60, 0x13};
+constexpr uint8_t kGetChallenge[] = {0x00, 0x84, 0x00, 0x00, 0x08};
+
+constexpr Bytes kFindCard[] = {kReqb, kAttrib, kSelect6002, kReadManagement};
+constexpr Bytes kSelectFile[] = {kSelect6011, kSelect6012, kSelect6013};
+
+// Row `index` of a table whose last row also stands for all larger indices.
+template <size_t N>
+Bytes row(const Bytes (&table)[N], uint32_t index) {
+  return table[std::min<size_t>(index, N - 1)];
+}
+
+int32_t send(SessionConfig* cfg, Bytes command, uint8_t serial) {
+  return tq_read_card_send(cfg, command.data(), static_cast<uint32_t>(command.size()), serial);
+}
+
+bool ends_with(Bytes bytes, std::initializer_list<uint8_t> end) {
+  return bytes.size() >= end.size() && std::equal(end.begin(), end.end(), bytes.end() - static_cast<ptrdiff_t>(end.size()));
+}
+
+bool starts_with_zeros(Bytes bytes) {
+  return bytes[0] == 0x00 && bytes[1] == 0x00;
+}
+
+uint32_t two_bytes(Bytes bytes) {
+  return static_cast<uint32_t>(bytes[0]) << 8 | bytes[1];
+}
+
+int32_t take_data(SessionConfig& cfg, Bytes data, std::span<uint8_t> out) {
+  if (!tq::copy_bytes(data, out)) return TQ_FAILED;
+  std::fill(std::begin(cfg.lastCommand), std::end(cfg.lastCommand), uint8_t{0});
+  cfg.lastCommandLength = 0;
+  cfg.lastStatusWord = kStatusGood;
+  return static_cast<int32_t>(data.size());
+}
+
+int32_t judge_one_byte(SessionConfig& cfg, uint8_t byte) {
+  cfg.lastStatusWord = static_cast<uint32_t>(byte) << 8;
+  if (byte == 0x02) return TQ_CARD_FAILED;
+  return byte == 0x00 ? TQ_NO_CARD_ANSWER : TQ_FAILED;
+}
+
+// Two or three bytes that are not a good status: the first two are the status word.
+int32_t judge_status_only(SessionConfig& cfg, Bytes answer) {
+  cfg.lastStatusWord = two_bytes(answer);
+  const bool refused = cfg.lastStatusWord == 0x6986 && (answer.size() == 2 || answer[2] == 0x00);
+  if (refused) return TQ_CARD_REFUSED;
+  return starts_with_zeros(answer) ? TQ_NO_CARD_ANSWER : TQ_FAILED;
+}
+
+// The low half of the status of a long answer: its last two bytes, or its last non-zero byte in the upper of them.
+uint32_t trailing_status(Bytes answer) {
+  if (answer.back() != 0x00) return two_bytes(answer.last(2));
+  const auto last = std::find_if(answer.rbegin(), answer.rend(), [](uint8_t b) { return b != 0x00; });
+  return last == answer.rend() ? 0 : static_cast<uint32_t>(*last) << 8;
+}
+
+int32_t judge_long(SessionConfig& cfg, Bytes answer) {
+  cfg.lastStatusWord = two_bytes(answer) << 16 | trailing_status(answer);
+  return starts_with_zeros(answer) ? TQ_NO_CARD_ANSWER : TQ_FAILED;
+}
+
+}  // namespace
+
+extern "C" {
+
+int32_t tq_read_card_send(SessionConfig* cfg, const uint8_t* command, uint32_t length, uint8_t serial) {
+  if (cfg == nullptr || command == nullptr) return TQ_OK;
+  cfg->lastStatusWord = 0;
+  if (cfg->logLevel == 2) print_hex("---cmd: ", command, length);
+  cfg->lastCommandLength = static_cast<uint8_t>(std::min<uint32_t>(length, TQ_LAST_COMMAND_MAX));
+  std::copy_n(command, cfg->lastCommandLength, cfg->lastCommand);
+  if (cfg->cardCallback != nullptr) cfg->cardCallback(command, length, serial, cfg->cardCallbackData);
+  return TQ_OK;
+}
+
+int32_t tq_read_card_anlysis(SessionConfig* cfg, const uint8_t* answer, uint32_t length, uint8_t* out,
+                             uint32_t capacity) {
+  if (cfg == nullptr || answer == nullptr || out == nullptr || length == 0) return TQ_NO_CARD_ANSWER;
+  const Bytes all(answer, length);
+  const std::span<uint8_t> room(out, capacity);
+  if (length == 1) return judge_one_byte(*cfg, all[0]);
+  if (ends_with(all, {0x90, 0x00})) return take_data(*cfg, all.first(length - 2), room);
+  if (ends_with(all, {0x90, 0x00, 0x00})) return take_data(*cfg, all.first(length - 3), room);
+  return length <= 3 ? judge_status_only(*cfg, all) : judge_long(*cfg, all);
+}
+
+void id_card_handler(SessionConfig* cfg, const uint8_t* data, uint32_t length, uint8_t serial, int32_t status) {
+  static_cast<void>(cfg);  // the read works on its own copy
+  const Bytes answer = data == nullptr ? Bytes{} : Bytes{data, length};
+  tq::deliver_answer(tq::ReadKind::kIdentityCard, answer, serial, status);
+}
+
+int32_t id_card_find_card(SessionConfig* cfg, uint32_t step) {
+  return send(cfg, row(kFindCard, step), static_cast<uint8_t>(step));
+}
+
+int32_t id_card_select_file(SessionConfig* cfg, uint32_t which, uint8_t serial) {
+  return send(cfg, row(kSelectFile, which), serial);
+}
+
+int32_t id_card_read_file(SessionConfig* cfg, uint32_t offset, uint32_t total, uint8_t serial) {
+  if (cfg == nullptr || offset > total) return TQ_OK;
+  const uint32_t count = std::min<uint32_t>(total - offset, cfg->readChunkSize);
+  const std::array<uint8_t, 5> command = {0x80, 0xB0, static_cast<uint8_t>(offset >> 8), static_cast<uint8_t>(offset),
+                                          static_cast<uint8_t>(count)};
+  return send(cfg, command, serial);
+}
+
+int32_t id_card_auth_get_rand(SessionConfig* cfg, uint8_t serial) {
+  return send(cfg, kGetChallenge, serial);
+}
+
+}  // extern "C"

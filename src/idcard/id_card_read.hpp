@@ -1,0 +1,107 @@
+// The worker of one identity-card read: a table of steps, one for each serial number that an answer can carry.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "core/session/outcome.hpp"
+#include "core/session/read_session.hpp"
+#include "protocol/data_decode.h"
+#include "util/secret.hpp"
+
+namespace tq {
+
+// A file of the card, filled front to back.
+template <size_t N>
+struct CardFile {
+  std::array<uint8_t, N> data{};
+  uint16_t count = 0;
+
+  bool complete() const { return count == N; }
+
+  // Appends what still fits.
+  void append(std::span<const uint8_t> bytes) {
+    const size_t n = bytes.size() < N - count ? bytes.size() : N - count;
+    for (size_t i = 0; i < n; ++i) data[count++] = bytes[i];
+  }
+};
+
+struct CardData {
+  std::array<uint8_t, TQ_MANAGEMENT_LENGTH> management{};
+  CardFile<TQ_FILE_6011_LENGTH> file6011;
+  CardFile<TQ_FILE_6012_LENGTH> file6012;
+  CardFile<TQ_FILE_6013_LENGTH> file6013;
+};
+
+class IdCardRead {
+ public:
+  explicit IdCardRead(ReadSession& session);
+  ~IdCardRead();
+  IdCardRead(const IdCardRead&) = delete;
+  IdCardRead& operator=(const IdCardRead&) = delete;
+
+  // Authenticates, drives the card and reports.
+  void run();
+
+ private:
+  using Handler = Outcome (IdCardRead::*)();
+  struct Step {
+    const char* answer_to;
+    Handler handle;
+  };
+  static const Step kSteps[];
+
+  Outcome on_reqb();
+  Outcome on_attrib();
+  Outcome on_application_selected();
+  Outcome on_management_data();
+  Outcome on_internal_authenticate();
+  Outcome on_challenge();
+  Outcome on_external_authenticate();
+  Outcome on_file_6011_selected();
+  Outcome on_file_6011_data();
+  Outcome on_file_6012_selected();
+  Outcome on_file_6012_data();
+  Outcome on_file_6013_selected();
+  Outcome on_file_6013_data();
+
+  Outcome relay_answers();
+  Outcome handle_answer();
+  Outcome decode_first_files();
+  void report(int32_t final_result);
+  void deliver_result(int32_t code);
+
+  int32_t check_answer(std::span<uint8_t> out);
+  bool is_empty_too_often(int32_t num_bytes);
+
+  int32_t relayStep(uint32_t command, uint8_t next_serial);
+  int32_t exchange_for_card(std::span<const uint8_t> answer, uint32_t command, std::span<uint8_t> buffer);
+  int32_t decodeStep(uint32_t command);
+  int32_t ask_for_decoding(uint32_t command, ScratchBuffer& buffer);
+
+  bool timing_wanted() const { return cfg_.monitorTiming != 0; }
+  int64_t now() const;
+  void start_timing();
+  void count_card_time();
+  void count_file_time();
+
+  ReadSession& session_;
+  SessionConfig& cfg_;
+  CardAnswer answer_;
+  CardData card_;
+  Secret<32> work_key_;
+  TqTiming timing_{};
+  info_data result_{};
+  int64_t start_time_ = 0;
+  uint32_t delay_ = 0;
+  int64_t last_auth_time_ = 0;
+  int64_t server_round_trip_ = 0;
+  bool fast_path_ = false;
+  std::array<uint8_t, 10> challenge_prefix_{};
+  bool need_file_6013_ = false;
+  uint32_t num_empty_reads_ = 0;
+};
+
+}  // namespace tq
