@@ -1,0 +1,170 @@
+// The N-API module `tqreader`: its registration and its exported functions. None of them throws; every failure is a code.
+
+#include <napi/native_api.h>
+
+#include <iterator>
+
+#include "binding/arguments.hpp"
+#include "binding/callback_bridge.h"
+#include "binding/callback_bridge.hpp"
+#include "binding/host_environment.hpp"
+#include "binding/log.hpp"
+#include "idcard/card_relay.h"
+#include "idcard/id_card_session.h"
+#include "util/hex.h"
+#include "util/secret.hpp"
+
+namespace tq {
+namespace {
+
+constexpr int32_t kReadChunkSize = 212;
+constexpr int32_t kFrameFlag = 1;
+constexpr int32_t kLogLevel = 2;
+constexpr size_t kTextSize = 1024;
+constexpr size_t kAnswerTextSize = 10240;
+
+napi_value init_sdk(napi_env env, napi_callback_info info) {
+  const Arguments<11> args(env, info);
+  const TextArgument<128> appid(args, 0);
+  const int32_t decode_mode = args.integer(1);
+  const int32_t read_mode = args.integer(2);
+  const int32_t environment = args.integer(3);
+  const TextArgument<kTextSize> file_path(args, 4);
+  const TextArgument<kTextSize> package_name(args, 5);
+  const int32_t terminal_id = args.integer(6);
+  const TextArgument<kTextSize> ip(args, 7);
+  const int32_t port = args.integer(8);
+  const int32_t reqid_type = args.integer(9);
+  const TextArgument<kTextSize> sn(args, 10);
+  TQ_LOG("ip: %{public}s", ip.c_str());
+  TQ_LOG("port: %{public}d", port);
+  TQ_LOG("file_path: %{public}s", file_path.c_str());
+  TQ_LOG("terId: %{public}X", static_cast<unsigned>(terminal_id));
+  TQ_LOG("envIdCode: %{public}d", environment);
+  TQ_LOG("packageName: %{public}s", package_name.c_str());
+  TQ_LOG("appid: %{public}s", appid.c_str());
+  TQ_LOG("reqidType: %{public}d", reqid_type);
+  TQ_LOG("sn: %{public}s", sn.c_str());
+
+  SessionConfig& cfg = args.host().config();
+  int32_t rc = share_init(&cfg, appid.c_str(), kReadChunkSize, decode_mode, read_mode, kFrameFlag, kLogLevel, environment,
+                          sn.c_str(), sn.c_str(), sn.c_str(), package_name.c_str(), terminal_id, ip.c_str(), port);
+  TQ_LOG("初始化: %{public}d", rc);
+  if (rc == TQ_OK) {
+    rc = share_set_reqid_version(&cfg, reqid_type);
+    TQ_LOG("设置reqid版本: %{public}d", rc);
+  }
+  return args.result(rc);
+}
+
+napi_value get_billing_model(napi_env env, napi_callback_info info) {
+  return Arguments<1>(env, info).result(0);
+}
+
+napi_value get_id_info(napi_env env, napi_callback_info info) {
+  const Arguments<1> args(env, info);
+  const int32_t rc = args.host().start_id_card_read();
+  TQ_LOG("调用身份证解码主函数: %{public}d", rc);
+  return args.result(rc);
+}
+
+napi_value register_timestamp_callback(napi_env env, napi_callback_info info) {
+  const Arguments<1> args(env, info);
+  const bool opened = args.host().open_channel(Channel::kTimestamp, args.value(0), call_timestamp_function);
+  const int32_t rc =
+      share_register_timestamp_callback(&args.host().config(), opened ? shareGetNowTimeCallback : nullptr);
+  TQ_LOG("注册时间戳回调: %{public}d", rc);
+  return args.result(rc);
+}
+
+napi_value register_result_callback(napi_env env, napi_callback_info info) {
+  const Arguments<1> args(env, info);
+  const bool opened = args.host().open_channel(Channel::kResult, args.value(0), call_result_function);
+  const int32_t rc = share_register_result_callback(&args.host().config(), opened ? shareResultCallback : nullptr);
+  TQ_LOG("注册结果数据回调: %{public}d", rc);
+  return args.result(rc);
+}
+
+napi_value register_monitor_callback(napi_env env, napi_callback_info info) {
+  const Arguments<1> args(env, info);
+  const bool opened = args.host().open_channel(Channel::kMonitor, args.value(0), call_monitor_function);
+  const int32_t rc = share_register_monitor_callback(&args.host().config(), opened ? shareMonitorDataCallback : nullptr);
+  TQ_LOG("注册监控数据回调: %{public}d", rc);
+  return args.result(rc);
+}
+
+napi_value register_card_callback(napi_env env, napi_callback_info info) {
+  const Arguments<1> args(env, info);
+  const bool opened = args.host().open_channel(Channel::kCard, args.value(0), call_card_function);
+  const int32_t rc = share_register_card_callback(&args.host().config(), opened ? cardCallback : nullptr, nullptr);
+  TQ_LOG("注册读卡回调: %{public}d", rc);
+  return args.result(rc);
+}
+
+using AnswerHandler = void (*)(SessionConfig* cfg, const uint8_t* data, uint32_t length, uint8_t serial, int32_t status);
+
+void hand_over_answer(const Arguments<3>& args, AnswerHandler handler) {
+  ScratchBuffer text(kAnswerTextSize);
+  ScratchBuffer bytes(kAnswerTextSize);
+  if (!text || !bytes) return;
+  auto* hex = reinterpret_cast<char*>(text.data());
+  args.text(0, hex, text.size());
+  const int32_t serial = args.integer(1);
+  const int32_t status = args.integer(2);
+  const uint32_t length = hex[0] == '\0' ? 0 : hexStringToBytes(hex, bytes.data());
+  TQ_LOG("nfc读卡返回数据结果: status:%{public}d, serial_num:%{public}d, data:%{public}s", status, serial, hex);
+  handler(&args.host().config(), bytes.data(), length, static_cast<uint8_t>(static_cast<uint32_t>(serial) & 0xFF), status);
+}
+
+napi_value take_id_card_answer(napi_env env, napi_callback_info info) {
+  hand_over_answer(Arguments<3>(env, info), id_card_handler);
+  return nullptr;
+}
+
+napi_value cancel_card(napi_env env, napi_callback_info info) {
+  const Arguments<1> args(env, info);
+  const int32_t type = args.integer(0);
+  TQ_LOG("调用取消操作: %{public}d", type);
+  if (type == 0) id_card_cancel();
+  args.host().release_process();
+  return args.result(0);
+}
+
+constexpr napi_property_descriptor exported(const char* name, napi_callback function) {
+  return {name, nullptr, function, nullptr, nullptr, nullptr, napi_default, nullptr};
+}
+
+// The exported functions in their documented order.
+constexpr napi_property_descriptor kExports[] = {
+    exported("initSdk", init_sdk),
+    exported("getBillingModel", get_billing_model),
+    exported("getIdInfo", get_id_info),
+    exported("registerTimestampCallback", register_timestamp_callback),
+    exported("idCardHandler", take_id_card_answer),
+    exported("registerResultCallback", register_result_callback),
+    exported("registerMonitorCallback", register_monitor_callback),
+    exported("registerCardCallback", register_card_callback),
+    exported("cancelCard", cancel_card),
+};
+
+// Fills `exports`; the functions find the state of their environment in their data pointer.
+napi_value init_module(napi_env env, napi_value exports) {
+  HostEnvironment* host = HostEnvironment::create(env);
+  if (host == nullptr) return exports;
+  napi_property_descriptor properties[std::size(kExports)];
+  for (size_t i = 0; i < std::size(kExports); ++i) {
+    properties[i] = kExports[i];
+    properties[i].data = host;
+  }
+  napi_define_properties(env, exports, std::size(properties), properties);
+  return exports;
+}
+
+napi_module g_module = {1, 0, nullptr, init_module, "tqreader", nullptr, {nullptr}};
+
+}  // namespace
+}  // namespace tq
+
+extern "C" __attribute__((constructor)) void RegisterTQReaderModule(void) {
+  napi_module_register(&tq::g_module);
+}

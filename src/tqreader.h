@@ -1,0 +1,36 @@
+/* Everything public of libtqreader. */
+#ifndef TQREADER_H
+#define TQREADER_H
+
+#include "binding/callback_bridge.h"
+#include "core/config/device_values.h"
+#include "core/config/records.h"
+#include "core/config/session_config.h"
+#include "core/config/text_checks.h"
+#include "core/result_code.h"
+#include "crypto/des.h"
+#include "crypto/sha1.h"
+#include "crypto/sm3.h"
+#include "crypto/sm4.h"
+#include "crypto/sm4_padding.h"
+#include "idcard/card_relay.h"
+#include "idcard/id_card_session.h"
+#include "protocol/card_auth.h"
+#include "protocol/command_frame.h"
+#include "protocol/data_decode.h"
+#include "protocol/json_scan.h"
+#include "protocol/monitor_report.h"
+#include "protocol/protocol_key.h"
+#include "protocol/result_report.h"
+#include "protocol/secret_frame.h"
+#include "protocol/server_authentication.h"
+#include "protocol/tcp_transport.h"
+#include "util/base64.h"
+#include "util/block_codec.h"
+#include "util/byte_text.h"
+#include "util/clock.h"
+#include "util/diagnostics.h"
+#include "util/hex.h"
+#include "util/memory.h"
+
+#endif
