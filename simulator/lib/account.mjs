@@ -1,0 +1,48 @@
+// Words and layout for people: what each step of a read means, and lines that look right in a terminal.
+
+/** What each server command is for. */
+export const SERVER_STEPS = {
+  '0x7500': 'reader shows who it is; session key, business id',
+  '0x5001': 'card\'s management data; server\'s challenge',
+  '0x5012': 'card\'s proof; server asks for the card\'s challenge',
+  '0x5022': 'card\'s challenge; server\'s proof for the card',
+  '0x5032': 'card\'s proof and challenge at once; server\'s proof',
+  '0x6002': 'the first files; server wants the last one too',
+  '0x6102': 'the first files; decoded person',
+  '0x6113': 'the last file; decoded person',
+  '0x7219': 'monitor record of this read',
+};
+
+/** What each card command is for, except the READs of the files. */
+export const CARD_STEPS = {
+  REQB: 'is there a card?',
+  ATTRIB: 'select this card',
+  'SELECT 6002': 'choose its management file',
+  'READ 6002': '32 bytes that say which card it is',
+  'INTERNAL AUTHENTICATE': 'prove yourself (server\'s challenge)',
+  'GET CHALLENGE': 'give a challenge of your own',
+  'EXTERNAL AUTHENTICATE': 'check the server\'s proof, open the files',
+  'SELECT 6011': 'choose the first file',
+  'SELECT 6012': 'choose the second file',
+  'SELECT 6013': 'choose the last file',
+};
+
+const kCodes = { bold: '1', dim: '2', red: '31', green: '32', yellow: '33', cyan: '36' };
+
+/** Colours for a stream: functions that leave text alone unless it is a terminal that wants colours. */
+export function coloursFor(stream) {
+  const on = stream.isTTY && !('NO_COLOR' in process.env);
+  return Object.fromEntries(Object.entries(kCodes)
+    .map(([name, code]) => [name, (text) => (on ? `\x1b[${code}m${text}\x1b[0m` : text)]));
+}
+
+/** "label ........ value" */
+export function dotted(label, value, width = 18) {
+  return `  ${`${label} `.padEnd(width, '.')} ${value}`;
+}
+
+/** Bytes as hexadecimal text for a dump, in lines of 32 bytes. */
+export function dump(bytes, indent = '      ') {
+  const text = Buffer.from(bytes).toString('hex').toUpperCase();
+  return (text.match(/.{1,64}/g) ?? ['(nothing)']).map((line) => indent + line).join('\n');
+}

@@ -1,0 +1,110 @@
+// The NFC link between the application and a card: carries each command to the card and says what the
+// application hands back to the reader, and when. This is where a card, or the link, can go wrong on purpose.
+// A rule says when and what:
+//
+//   { on: 'READ 6011', nth: 2, do: 'answer', data: '6A82' }
+//
+//   on     the name of a step ('SELECT 6002'), its serial number (2), or 'any'
+//   nth    only the nth time that the rule's `on` matches since the rules were set
+//   do     a row of ACTIONS
+
+import { setTimeout as sleep } from 'node:timers/promises';
+import { fromHex } from './bytes.mjs';
+
+const kCardFailed = -1;
+const endsWell = (bytes) => bytes.subarray(-2).equals(Buffer.from([0x90, 0x00]));
+
+/** Deliveries of a good answer become other deliveries. Each is { data, serial, status, after } (`after` in ms). */
+export const ACTIONS = {
+  silence: () => [],
+  delay: (good, rule) => [{ ...good, after: good.after + rule.ms }],
+  status: (good, rule) => [{ ...good, status: rule.status ?? kCardFailed }],
+  answer: (good, rule) => [{ ...good, data: fromHex(rule.data) }],
+  empty: (good) => [{ ...good, data: Buffer.alloc(0) }],
+  nothingButSuccess: (good) => [{ ...good, data: fromHex('9000') }],
+  trailingZero: (good) => [{ ...good, data: Buffer.concat([good.data, Buffer.alloc(1)]) }],
+  shorten: (good, rule) => [{ ...good, data: Buffer.concat([good.data.subarray(0, rule.count), fromHex('9000')]) }],
+  oversize: (good, rule) => [{ ...good, data: longAnswer(good.data, rule.size ?? 301) }],
+  wrongSerial: (good, rule) => [{ ...good, serial: rule.serial }],
+  repeat: (good, rule) => Array.from({ length: 1 + (rule.times ?? 1) }, () => ({ ...good })),
+  extraAnswer: (good, rule) => [good, {
+    data: fromHex(rule.data ?? '9000'), serial: rule.serial ?? good.serial, status: rule.status ?? 0,
+    after: rule.after ?? 0,
+  }],
+};
+
+/** Actions that leave the reader with the card's answer as it was. */
+const kHarmless = ['delay', 'trailingZero'];
+
+/** `size` bytes in all that begin like the card's answer and end in 90 00. */
+function longAnswer(data, size) {
+  return Buffer.concat([data.subarray(0, -2), Buffer.alloc(Math.max(0, size - data.length)), fromHex('9000')]);
+}
+
+/** A link to one card. */
+export class CardLink {
+  #rules;
+
+  /**
+   * @param {{respond: Function, spoiled: Function}} card
+   * @param {{delay?: number, rules?: object[]}} [options]  delay: milliseconds that every command takes
+   */
+  constructor(card, { delay = 0, rules = [] } = {}) {
+    this.card = card;
+    this.delay = delay;
+    this.setRules(rules);
+  }
+
+  setRules(rules) {
+    this.#rules = rules.map((rule) => {
+      const names = Object.keys(ACTIONS);
+      if (!names.includes(rule.do)) {
+        throw new TypeError(`no such action: ${JSON.stringify(rule)}; there are ${names.join(', ')}`);
+      }
+      return { rule, matched: 0 };
+    });
+  }
+
+  /**
+   * Carries a command to the card.
+   * @param {Buffer} command
+   * @param {number} serial
+   * @param {(delivery: {data: Buffer, serial: number, status: number}) => void} deliver  called once for
+   *   everything that goes back to the reader
+   * @returns {{name: string, answer: Buffer, done: Promise<void>}}
+   */
+  transmit(command, serial, deliver) {
+    const { name, answer } = this.card.respond(command, serial);
+    let deliveries = [{ data: answer, serial, status: 0, after: this.delay }];
+    for (const rule of this.#matching(name, serial)) {
+      deliveries = deliveries.flatMap((delivery) => ACTIONS[rule.do](delivery, rule));
+      if (kHarmless.includes(rule.do)) continue;
+      this.card.spoiled(name, this.#reached(command, deliveries), deliveries.length > 1);
+    }
+    return { name, answer, done: this.#hand(deliveries, deliver) };
+  }
+
+  #matching(name, serial) {
+    return this.#rules.filter((entry) => {
+      if (![name, serial, 'any'].includes(entry.rule.on)) return false;
+      entry.matched += 1;
+      return (entry.rule.nth ?? entry.matched) === entry.matched;
+    }).map(({ rule }) => rule);
+  }
+
+  /** Where a READ leaves the reader when one answer took the place of the card's; undefined when unknown. */
+  #reached(command, deliveries) {
+    if (deliveries.length !== 1 || command.length !== 5) return undefined;
+    const { data } = deliveries[0];
+    return endsWell(data) ? command.readUInt16BE(2) + data.length - 2 : undefined;
+  }
+
+  async #hand(deliveries, deliver) {
+    for (const { after, ...delivery } of deliveries) {
+      if (after > 0) await sleep(after);
+      else await undefined;
+      deliver(delivery);
+    }
+  }
+}
+

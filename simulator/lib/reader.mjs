@@ -1,0 +1,202 @@
+// The reader application: does with libtqreader.so what an application on a phone does with it. It loads the
+// module, calls `initSdk`, registers the four callbacks, carries card commands to a card and the answers back,
+// and collects results and monitor records.
+
+import { EventEmitter } from 'node:events';
+import { constants } from 'node:os';
+import { fileURLToPath } from 'node:url';
+import { hex } from './bytes.mjs';
+import { CardLink } from './card-link.mjs';
+import { Difference } from './difference.mjs';
+import { parseCommandText, parseResultText } from './host-texts.mjs';
+import { parseMonitorRecord } from './monitor-record.mjs';
+import { DEFAULT_IDENTITY } from './persona.mjs';
+
+/** Where the repository's own build leaves the library. */
+export const DEFAULT_LIBRARY = fileURLToPath(new URL('../../build/host/libtqreader.so', import.meta.url));
+
+const loaded = new Map();
+
+/** The module's exports; the library is loaded once per path and process. */
+export function loadLibrary(path = DEFAULT_LIBRARY) {
+  if (!loaded.has(path)) {
+    const module = { exports: {} };
+    process.dlopen(module, path, constants.dlopen.RTLD_NOW | constants.dlopen.RTLD_LOCAL);
+    loaded.set(path, module.exports);
+  }
+  return loaded.get(path);
+}
+
+/** `initSdk`'s arguments in their order, from the names used everywhere else. */
+export function initArguments(identity) {
+  const { appid, decodeMode, readMode, envIdCode, filePath, packageName, terId, ip, port, reqidType, sn } = identity;
+  return [appid, decodeMode, readMode, envIdCode, filePath, packageName, terId, ip, port, reqidType, sn];
+}
+
+/**
+ * A reader application.
+ *
+ * Events:
+ *   'command'     { name, serial, command, at }            a command is on its way to the card
+ *   'step'        { name, serial, command, answer, at, ms } and the card's answer has been handed over
+ *   'monitor'     { raw, record }                          the monitor function has been called
+ *   'result'      { code, flag, data, raw }                the result function has been called
+ *   'difference'  a Difference: a text from the library that is not as it should be
+ * Records of the whole life: `differences`, `times` (every reading of the clock that the library was given).
+ */
+export class Reader extends EventEmitter {
+  #link;
+  #current = null;
+  #clock;
+  #monitorAnswer;
+
+  /**
+   * @param {object} options
+   * @param {string} [options.library]   path of libtqreader.so
+   * @param {object} [options.card]      the card in the field; an IdentityCard, or whatever responds like one
+   * @param {CardLink} [options.link]    the link to it, for delays and misbehaviour; made from `card` otherwise
+   * @param {() => number} [options.clock]  the time function; default Date.now
+   * @param {(text: string) => any} [options.monitorAnswer]  what the monitor function returns; default the text it got
+   */
+  constructor({ library, card, link, clock = Date.now, monitorAnswer = (text) => text } = {}) {
+    super();
+    this.module = loadLibrary(library);
+    this.#link = link ?? (card && new CardLink(card));
+    this.#clock = clock;
+    this.#monitorAnswer = monitorAnswer;
+    this.differences = [];
+    this.times = [];
+  }
+
+  /** Registers the four callbacks. @returns {object} the code of each registration */
+  register() {
+    return {
+      card: this.module.registerCardCallback((text) => this.#onCommand(text)),
+      monitor: this.module.registerMonitorCallback((text) => this.#onMonitor(text)),
+      time: this.module.registerTimestampCallback(() => this.#onTime()),
+      result: this.module.registerResultCallback((text) => this.#onResult(text)),
+    };
+  }
+
+  /** Calls `initSdk` with the default identity and what is given here on top of it. @returns {number} its code */
+  init(identity = {}) {
+    return this.module.initSdk(...initArguments({ ...DEFAULT_IDENTITY, ...identity }));
+  }
+
+  /** Lays another card, or the same through another link, on the phone. */
+  useLink(link) {
+    this.#link = link;
+  }
+
+  /**
+   * Starts a read. Configuration and callbacks must be in place.
+   * @returns {{code: number, steps: object[], monitors: object[], result: Promise<object>}} `code` is what
+   *   `getIdInfo` returned; `result` settles when the result function is called, so never for a read that ends
+   *   without one
+   */
+  start() {
+    const read = { steps: [], monitors: [], startedAt: Date.now() };
+    read.result = new Promise((resolve) => {
+      read.settle = resolve;
+    });
+    this.#current = read;
+    read.code = this.module.getIdInfo();
+    return read;
+  }
+
+  /**
+   * Configures (when an identity is given), registers (once) and performs one read.
+   * @param {object} [options]
+   * @param {object} [options.identity]   arguments for `initSdk`, see `init`
+   * @param {number} [options.timeoutMs]  how long to wait for the result
+   * @returns {Promise<{code: number, flag: number, data: any, raw: string|null, monitor: object|null,
+   *   steps: object[], ms: number}>} Without a started read (the code of `initSdk`, a registration or `getIdInfo`
+   *   is not 0) `raw` is null. Rejects when no result comes in time; the error carries the `steps`.
+   */
+  async read({ identity, timeoutMs = 60000 } = {}) {
+    const code = this.#prepare(identity);
+    const refused = (failure) => ({ code: failure, flag: 0, data: '', raw: null, monitor: null, steps: [], ms: 0 });
+    if (code !== 0) return refused(code);
+    const read = this.start();
+    if (read.code !== 0) return refused(read.code);
+    const result = await this.#within(timeoutMs, read);
+    return { ...result, monitor: read.monitors.at(-1) ?? null, steps: read.steps, ms: Date.now() - read.startedAt };
+  }
+
+  /** Breaks off: 0 for the identity card, 1 for the passport. */
+  cancel(type = 0) {
+    return this.module.cancelCard(type);
+  }
+
+  #prepare(identity) {
+    if (identity) {
+      const code = this.init(identity);
+      if (code !== 0) return code;
+    }
+    if (this.registered) return 0;
+    const failed = Object.values(this.register()).find((code) => code !== 0) ?? 0;
+    this.registered = failed === 0;
+    return failed;
+  }
+
+  #within(timeoutMs, read) {
+    return new Promise((resolve, reject) => {
+      const late = setTimeout(() => {
+        const error = new Error(`no result within ${timeoutMs} ms`);
+        reject(Object.assign(error, { steps: read.steps, monitors: read.monitors }));
+      }, timeoutMs);
+      read.result.then((result) => {
+        clearTimeout(late);
+        resolve(result);
+      });
+    });
+  }
+
+  /** Runs a check of a text; a difference is recorded and gives undefined. */
+  #checked(parse, text) {
+    try {
+      return parse(text);
+    } catch (error) {
+      if (!(error instanceof Difference)) throw error;
+      this.differences.push(error);
+      this.emit('difference', error);
+      return undefined;
+    }
+  }
+
+  #onCommand(text) {
+    const parsed = this.#checked(parseCommandText, text);
+    if (!parsed) return 0;
+    const { command, serial } = parsed;
+    const at = Date.now();
+    const read = this.#current;
+    const { name } = this.#link.transmit(command, serial, (delivery) => {
+      const step = { name, serial, command: hex(command), answer: hex(delivery.data), at, ms: Date.now() - at };
+      read?.steps.push(step);
+      this.emit('step', step);
+      this.module.idCardHandler(hex(delivery.data), delivery.serial, delivery.status);
+    });
+    this.emit('command', { name, serial, command: hex(command), at });
+    return 0;
+  }
+
+  #onMonitor(raw) {
+    const monitor = { raw, record: this.#checked((text) => parseMonitorRecord(text, 'monitor callback'), raw) ?? null };
+    this.#current?.monitors.push(monitor);
+    this.emit('monitor', monitor);
+    return this.#monitorAnswer(raw);
+  }
+
+  #onTime() {
+    const now = this.#clock();
+    this.times.push(now);
+    return now;
+  }
+
+  #onResult(raw) {
+    const parsed = this.#checked(parseResultText, raw) ?? { code: null, flag: null, data: null };
+    const result = { ...parsed, raw };
+    this.#current?.settle(result);
+    this.emit('result', result);
+  }
+}
