@@ -87,6 +87,7 @@ void IdCardRead::run() {
 
 // Wakes the card and handles one answer after the other until the read is over or has been stopped.
 Outcome IdCardRead::relay_answers() {
+  session_.accept_answers();
   id_card_find_card(&cfg_, kReqb);
   while (!session_.cancelled() && session_.wait_for_answer(answer_)) {
     const Outcome outcome = handle_answer();

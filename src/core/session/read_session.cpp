@@ -29,6 +29,7 @@ struct Board {
   ReadKind kind = ReadKind::kIdentityCard;
   const SessionConfig* owner = nullptr;
   bool unfinished = false;
+  bool accepts_answers = false;
   uint64_t working = 0;  // ticket of the read whose worker is at work; 0 = none
   std::array<CardAnswer, kMaxWaitingAnswers> answers{};
   size_t num_answers = 0;
@@ -58,6 +59,7 @@ class Worker final : public ReadSession {
   const SessionConfig* owner() const { return owner_; }
   bool superseded() const override { return board().newest.load() != ticket_; }
   bool cancelled() const override { return superseded() || board().cancelled.load(); }
+  void accept_answers() override;
   bool wait_for_answer(CardAnswer& out) override;
   void run();
 
@@ -72,6 +74,12 @@ class Worker final : public ReadSession {
 };
 
 thread_local Worker* t_worker = nullptr;
+
+void Worker::accept_answers() {
+  Board& b = board();
+  const std::lock_guard lock(b.mutex);
+  if (!superseded()) b.accepts_answers = true;
+}
 
 bool Worker::wait_for_answer(CardAnswer& out) {
   Board& b = board();
@@ -101,6 +109,7 @@ void Worker::finish() {
   if (b.working == ticket_) b.working = 0;
   if (!superseded()) {
     b.unfinished = false;
+    b.accepts_answers = false;
     b.clear_answers();
   }
   b.changed.notify_all();
@@ -149,6 +158,7 @@ int32_t start_read(ReadKind kind, const SessionConfig& cfg, ReadBody body, Inter
   b.kind = kind;
   b.owner = &cfg;
   b.unfinished = true;
+  b.accepts_answers = false;
   b.clear_answers();
   if (b.working != 0) interrupt();
   b.changed.notify_all();
@@ -161,6 +171,7 @@ void abandon_read(const SessionConfig* owner, Interrupt interrupt) {
   if (!b.unfinished || b.owner != owner) return;
   b.newest.fetch_add(1);
   b.unfinished = false;
+  b.accepts_answers = false;
   b.clear_answers();
   if (b.working != 0) interrupt();
   b.changed.notify_all();
@@ -169,7 +180,7 @@ void abandon_read(const SessionConfig* owner, Interrupt interrupt) {
 void deliver_answer(ReadKind kind, std::span<const uint8_t> data, uint8_t serial, int32_t status) {
   Board& b = board();
   const std::lock_guard lock(b.mutex);
-  const bool belongs = b.unfinished && b.kind == kind && b.working == b.newest.load();
+  const bool belongs = b.accepts_answers && b.kind == kind;
   if (!belongs || b.num_answers == kMaxWaitingAnswers) return;
   CardAnswer& answer = b.answers[b.num_answers++];
   answer.serial = serial;

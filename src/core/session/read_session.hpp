@@ -35,6 +35,10 @@ class ReadSession {
  public:
   virtual SessionConfig& config() = 0;
 
+  // From now on answers belong to this read. Called before its first card command: an answer that comes earlier is one to
+  // a command of an older read.
+  virtual void accept_answers() = 0;
+
   // Sleeps until the next answer has been handed over. Returns false when the read has been superseded.
   virtual bool wait_for_answer(CardAnswer& out) = 0;
 
