@@ -1,12 +1,16 @@
 // Whole identity-card reads without a JavaScript engine, beside a bare client that does the same exchanges.
 //
 //   read_bench serve FILE DELAY_MS [silent]  replay server
-//   read_bench bare FILE PORT READS          the bare client: connect, send, receive; a plain call for each card command
-//   read_bench core FILE PORT READS          reads through the core's C interface
-//   read_bench memory FILE PORT READS        the same, counting what the reads take and leave
+//   read_bench bare FILE PORT READS          the bare client: connect, send, receive; a plain call for each
+//   card command read_bench core FILE PORT READS          reads through the core's C interface read_bench
+//   memory FILE PORT READS        the same, counting what the reads take and leave
 //
 // FILE comes from record.mjs. Each line of output is a JSON object.
 
+#include <dirent.h>
+#include <malloc.h>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -14,11 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
-#include <malloc.h>
 #include <mutex>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "recording.hpp"
 #include "tqreader.h"
@@ -36,7 +36,8 @@ double median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
-// --- the bare client ---------------------------------------------------------------------------------------------------
+// --- the bare client
+// ---------------------------------------------------------------------------------------------------
 
 void receive_frame(int fd) {
   Recording::Bytes bytes;
@@ -48,7 +49,8 @@ void receive_frame(int fd) {
   }
 }
 
-__attribute__((noinline)) void bare_card_call(const Recording::CardExchange& exchange, Recording::Bytes& answer) {
+__attribute__((noinline)) void bare_card_call(const Recording::CardExchange& exchange,
+                                              Recording::Bytes& answer) {
   answer = exchange.answer;
 }
 
@@ -65,7 +67,8 @@ double bare_read_us(const Recording& recording, uint16_t port) {
   return micros_since(start);
 }
 
-// --- reads through the core --------------------------------------------------------------------------------------------
+// --- reads through the core
+// --------------------------------------------------------------------------------------------
 
 struct Host {
   Recording recording;
@@ -81,17 +84,19 @@ Host g_host;
 int32_t on_command(const uint8_t* apdu, uint32_t length, uint8_t serial, void*) {
   const auto& exchange = g_host.recording.card[g_host.next_card++];
   if (exchange.serial != serial || exchange.command != Recording::Bytes(apdu, apdu + length)) std::exit(1);
-  id_card_handler(&g_host.config, exchange.answer.data(), static_cast<uint32_t>(exchange.answer.size()), serial, 0);
+  id_card_handler(&g_host.config, exchange.answer.data(), static_cast<uint32_t>(exchange.answer.size()),
+                  serial, 0);
   return 0;
 }
 
 int32_t on_monitor(const monitor_param* p, char* out, uint32_t size) {
-  return std::snprintf(out, size,
-                       "{\"reqid\": \"%s\", \"result_code\": %d, \"decode_times\": %d, \"time_delay\": %d, "
-                       "\"nfc_err_code\": %u, \"nfc_err_cmd\": \"%s\", \"card_type\": %d, \"device_id\": \"%s\", "
-                       "\"appid\": \"%s\", \"sod_file\": \"%s\", \"stickCard_id\": \"%s\"}",
-                       p->reqid, p->result_code, p->decode_times, p->time_delay, p->nfc_err_code, p->nfc_err_cmd,
-                       p->card_type, p->device_id, p->appid, p->sod_file, p->stickCard_id);
+  return std::snprintf(
+      out, size,
+      "{\"reqid\": \"%s\", \"result_code\": %d, \"decode_times\": %d, \"time_delay\": %d, "
+      "\"nfc_err_code\": %u, \"nfc_err_cmd\": \"%s\", \"card_type\": %d, \"device_id\": \"%s\", "
+      "\"appid\": \"%s\", \"sod_file\": \"%s\", \"stickCard_id\": \"%s\"}",
+      p->reqid, p->result_code, p->decode_times, p->time_delay, p->nfc_err_code, p->nfc_err_cmd, p->card_type,
+      p->device_id, p->appid, p->sod_file, p->stickCard_id);
 }
 
 int64_t on_time() {
@@ -135,7 +140,8 @@ double core_read_us() {
   return micros_since(start);
 }
 
-// --- counting memory ---------------------------------------------------------------------------------------------------
+// --- counting memory
+// ---------------------------------------------------------------------------------------------------
 
 std::atomic<size_t> g_live{0};
 std::atomic<size_t> g_peak{0};
@@ -169,12 +175,13 @@ void measure_memory(int reads) {
   const size_t peak = g_peak - before.live;
   for (int i = 0; i < reads; ++i) core_read_us();
   const Footprint after = settled();
-  std::printf("{\"peak_bytes\": %zu, \"left_bytes\": %zd, \"reads\": %d, \"heap_growth\": %zd, "
-              "\"descriptor_growth\": %zd, \"thread_growth\": %zd}\n",
-              peak, static_cast<ssize_t>(after.live - before.live), reads,
-              static_cast<ssize_t>(after.heap - before.heap),
-              static_cast<ssize_t>(after.descriptors - before.descriptors),
-              static_cast<ssize_t>(after.threads - before.threads));
+  std::printf(
+      "{\"peak_bytes\": %zu, \"left_bytes\": %zd, \"reads\": %d, \"heap_growth\": %zd, "
+      "\"descriptor_growth\": %zd, \"thread_growth\": %zd}\n",
+      peak, static_cast<ssize_t>(after.live - before.live), reads,
+      static_cast<ssize_t>(after.heap - before.heap),
+      static_cast<ssize_t>(after.descriptors - before.descriptors),
+      static_cast<ssize_t>(after.threads - before.threads));
 }
 
 void print_median(const char* what, const std::vector<double>& times) {
@@ -216,7 +223,8 @@ int main(int argc, char** argv) {
     return 0;
   }
   std::vector<double> times;
-  for (int i = 0; i < reads; ++i) times.push_back(mode == "bare" ? bare_read_us(g_host.recording, port) : core_read_us());
+  for (int i = 0; i < reads; ++i)
+    times.push_back(mode == "bare" ? bare_read_us(g_host.recording, port) : core_read_us());
   print_median(mode.c_str(), times);
   return 0;
 }

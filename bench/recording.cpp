@@ -1,15 +1,15 @@
 #include "recording.hpp"
 
 #include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <netinet/in.h>
 #include <sstream>
-#include <sys/socket.h>
 #include <thread>
-#include <unistd.h>
 
 namespace {
 
@@ -34,7 +34,8 @@ sockaddr_in loopback(uint16_t port) {
   return address;
 }
 
-// Sleeps, and for the last millisecond spins: the delay must be exact, since reads are compared with the sum of delays.
+// Sleeps, and for the last millisecond spins: the delay must be exact, since reads are compared with the sum
+// of delays.
 void pause_for(int delay_ms) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(delay_ms);
   if (delay_ms > 1) std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms - 1));
@@ -77,7 +78,8 @@ Recording Recording::load(const char* path) {
     if (kind == "init") recording.init[a] = b;
     if (kind == "time") recording.time = std::stoll(a);
     if (kind == "server") recording.server.push_back({from_hex(a), from_hex(b)});
-    if (kind == "card") recording.card.push_back({static_cast<uint8_t>(std::stoi(a)), from_hex(b), from_hex(c)});
+    if (kind == "card")
+      recording.card.push_back({static_cast<uint8_t>(std::stoi(a)), from_hex(b), from_hex(c)});
   }
   return recording;
 }
@@ -90,7 +92,8 @@ void serve(const Recording& recording, int delay_ms, bool silent) {
   const int listener = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address = loopback(0);
   socklen_t len = sizeof address;
-  if (bind(listener, reinterpret_cast<sockaddr*>(&address), len) != 0 || listen(listener, 16) != 0) give_up("listen");
+  if (bind(listener, reinterpret_cast<sockaddr*>(&address), len) != 0 || listen(listener, 16) != 0)
+    give_up("listen");
   getsockname(listener, reinterpret_cast<sockaddr*>(&address), &len);
   std::printf("%d\n", ntohs(address.sin_port));
   std::fflush(stdout);

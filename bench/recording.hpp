@@ -30,8 +30,8 @@ struct Recording {
 // Whole frame length of a short-form frame that starts with these bytes, 0 while it is not known.
 size_t frame_length(const Recording::Bytes& bytes);
 
-// Serves recorded responses on loopback, each after `delay_ms`, until the process ends. Prints the port. A request that is
-// not the recorded one ends the program with a message. `silent` reads and never answers.
+// Serves recorded responses on loopback, each after `delay_ms`, until the process ends. Prints the port. A
+// request that is not the recorded one ends the program with a message. `silent` reads and never answers.
 [[noreturn]] void serve(const Recording& recording, int delay_ms, bool silent);
 
 // Connects to a loopback port; ends the program when it cannot.

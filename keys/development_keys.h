@@ -1,9 +1,9 @@
 /* The server keys of a deployment: 16 bytes each, as 32 hexadecimal digits, one for each environment code.
 
-   THESE VALUES ARE FOR DEVELOPMENT ONLY. They are public, and the simulator uses them too. A deployment writes a header
-   like this one with its own values and names it when it configures the build:
+   THESE VALUES ARE FOR DEVELOPMENT ONLY. They are public, and the simulator uses them too. A deployment
+   writes a header like this one with its own values and names it when it configures the build:
 
-       cmake -DTQREADER_KEYS=/path/to/keys.h ...                                                             */
+       cmake -DTQREADER_KEYS=/path/to/keys.h ... */
 #ifndef TQREADER_KEYS_H
 #define TQREADER_KEYS_H
 

@@ -1,4 +1,5 @@
-// Where a worker waits for the application's answer to one question. A late answer to an earlier question is dropped.
+// Where a worker waits for the application's answer to one question. A late answer to an earlier question is
+// dropped.
 #pragma once
 
 #include <array>
@@ -30,8 +31,8 @@ int64_t await_time(Question question);
 // The monitor text: an answer starts with "{" and ends with "}".
 Question ask_for_text();
 void answer_text(Question question, std::string_view text);
-// Waits for the answer, for at most 500 ms, and copies it, or what came instead, to `out`. Returns its length, or -1 when
-// it does not fit `out` or the room of the bridge.
+// Waits for the answer, for at most 500 ms, and copies it, or what came instead, to `out`. Returns its
+// length, or -1 when it does not fit `out` or the room of the bridge.
 int32_t await_text(Question question, std::span<char> out);
 
 // Ends the waiting of the read that was started with `owner`.

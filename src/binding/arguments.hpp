@@ -1,5 +1,5 @@
-// Reading the JavaScript arguments of an exported function by position. What is missing or of another type reads as an
-// empty text or 0.
+// Reading the JavaScript arguments of an exported function by position. What is missing or of another type
+// reads as an empty text or 0.
 #pragma once
 
 #include <napi/native_api.h>
@@ -35,7 +35,8 @@ class Arguments {
   // Fills a zeroed buffer with at most size - 1 bytes of UTF-8; the rest is cut off.
   void text(size_t position, char* buffer, size_t size) const {
     size_t length = 0;
-    if (napi_get_value_string_utf8(env_, values_[position], buffer, size, &length) != napi_ok) buffer[0] = '\0';
+    if (napi_get_value_string_utf8(env_, values_[position], buffer, size, &length) != napi_ok)
+      buffer[0] = '\0';
   }
 
   napi_value result(int32_t code) const {

@@ -20,8 +20,8 @@ namespace {
 
 constexpr size_t kLongestCommand = 511;
 constexpr size_t kMonitorRoom = 10240;
-constexpr size_t kFailureRoom = 256;   // a result without data
-constexpr size_t kResultFraming = 256; // beside the data
+constexpr size_t kFailureRoom = 256;    // a result without data
+constexpr size_t kResultFraming = 256;  // beside the data
 
 constexpr int64_t kEightHoursMs = 28'800'000;
 
@@ -112,12 +112,13 @@ __attribute__((format(printf, 2, 3))) bool format_text(Message& message, const c
 }
 
 bool format_monitor_record(Message& message, const monitor_param& p) {
-  return format_text(message,
-                     "{\"reqid\": \"%s\", \"result_code\": %d, \"decode_times\": %d, \"time_delay\": %d, "
-                     "\"nfc_err_code\": %u, \"nfc_err_cmd\": \"%s\", \"card_type\": %d, \"device_id\": \"%s\", "
-                     "\"appid\": \"%s\", \"sod_file\": \"%s\", \"stickCard_id\": \"%s\"}",
-                     p.reqid, p.result_code, p.decode_times, p.time_delay, p.nfc_err_code, p.nfc_err_cmd, p.card_type,
-                     p.device_id, p.appid, p.sod_file, p.stickCard_id);
+  return format_text(
+      message,
+      "{\"reqid\": \"%s\", \"result_code\": %d, \"decode_times\": %d, \"time_delay\": %d, "
+      "\"nfc_err_code\": %u, \"nfc_err_cmd\": \"%s\", \"card_type\": %d, \"device_id\": \"%s\", "
+      "\"appid\": \"%s\", \"sod_file\": \"%s\", \"stickCard_id\": \"%s\"}",
+      p.reqid, p.result_code, p.decode_times, p.time_delay, p.nfc_err_code, p.nfc_err_cmd, p.card_type,
+      p.device_id, p.appid, p.sod_file, p.stickCard_id);
 }
 
 void free_data(info_data& info, size_t length) {
@@ -130,7 +131,8 @@ void free_data(info_data& info, size_t length) {
 Message* format_failure(info_data& info) {
   if (info.flag != TQ_RESULT_TEXT) {
     Message* message = Message::create(kFailureRoom);
-    if (message != nullptr) format_text(*message, "{\"code\":%d,\"flag\":%d,\"data\":\"\"}", info.code, info.flag);
+    if (message != nullptr)
+      format_text(*message, "{\"code\":%d,\"flag\":%d,\"data\":\"\"}", info.code, info.flag);
     return message;
   }
   const char* text = info.data == nullptr ? "" : reinterpret_cast<const char*>(info.data);
@@ -286,7 +288,7 @@ int64_t shareGetNowTimeCallback(void) {
 void shareResultCallback(info_data* info) {
   using namespace tq;
   if (info == nullptr) return;
-  Message* message = info->code < 0                    ? format_failure(*info)
+  Message* message = info->code < 0                 ? format_failure(*info)
                      : info->flag == TQ_RESULT_JSON ? format_json_result(*info)
                                                     : format_binary_result(*info);
   post(Channel::kResult, message);

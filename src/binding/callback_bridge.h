@@ -1,5 +1,5 @@
-/* The four functions that lead from a worker thread into the application's JavaScript functions. Everything crosses as text.
-   They serve the read that the calling worker runs; on any other thread they do nothing. */
+/* The four functions that lead from a worker thread into the application's JavaScript functions. Everything
+   crosses as text. They serve the read that the calling worker runs; on any other thread they do nothing. */
 #ifndef TQREADER_BINDING_CALLBACK_BRIDGE_H
 #define TQREADER_BINDING_CALLBACK_BRIDGE_H
 
@@ -8,21 +8,21 @@
 
 TQ_BEGIN_C
 
-/* Hands one card command (up to 511 bytes) to the application as JSON and returns at once. Returns the Node-API status of
-   the hand-over, 0 when it was accepted. `userData` is not used. */
+/* Hands one card command (up to 511 bytes) to the application as JSON and returns at once. Returns the
+   Node-API status of the hand-over, 0 when it was accepted. `userData` is not used. */
 TQ_API int32_t cardCallback(const uint8_t* apdu, uint32_t length, uint8_t serial, void* userData);
 
-/* Shows the monitor record to the application as JSON (shorter than 2048 bytes) and waits up to 500 ms for its answer, a
-   text from "{" to "}". Writes the answer, or whatever came instead of one, to `out` without a NUL. Returns its length,
-   or -1 when text or answer are too long. */
+/* Shows the monitor record to the application as JSON (shorter than 2048 bytes) and waits up to 500 ms for
+   its answer, a text from "{" to "}". Writes the answer, or whatever came instead of one, to `out` without a
+   NUL. Returns its length, or -1 when text or answer are too long. */
 TQ_API int32_t shareMonitorDataCallback(const monitor_param* param, char* out, uint32_t outSize);
 
-/* Asks the application for the current time in milliseconds and waits up to 500 ms for a value other than 0. Returns it,
-   or 0. */
+/* Asks the application for the current time in milliseconds and waits up to 500 ms for a value other than 0.
+   Returns it, or 0. */
 TQ_API int64_t shareGetNowTimeCallback(void);
 
-/* Hands the result to the application as JSON and returns at once. `info->data` is wiped, freed and set to null, but for a
-   failure whose data is no text: that stays with the caller. */
+/* Hands the result to the application as JSON and returns at once. `info->data` is wiped, freed and set to
+   null, but for a failure whose data is no text: that stays with the caller. */
 TQ_API void shareResultCallback(info_data* info);
 
 TQ_END_C

@@ -42,7 +42,8 @@ HostEnvironment* HostEnvironment::create(napi_env env) {
   return host;
 }
 
-bool HostEnvironment::open_channel(Channel channel, napi_value function, napi_threadsafe_function_call_js call) {
+bool HostEnvironment::open_channel(Channel channel, napi_value function,
+                                   napi_threadsafe_function_call_js call) {
   End& end = ends_[static_cast<size_t>(channel)];
   close_channel(end);
   napi_valuetype type = napi_undefined;
@@ -50,10 +51,9 @@ bool HostEnvironment::open_channel(Channel channel, napi_value function, napi_th
   napi_value name = nullptr;
   End fresh;
   if (napi_create_reference(env_, function, 1, &fresh.function) != napi_ok) return false;
-  const bool created =
-      napi_create_string_utf8(env_, "Work Item", NAPI_AUTO_LENGTH, &name) == napi_ok &&
-      napi_create_threadsafe_function(env_, function, nullptr, name, 0, 1, nullptr, nullptr, this, call, &fresh.queue) ==
-          napi_ok;
+  const bool created = napi_create_string_utf8(env_, "Work Item", NAPI_AUTO_LENGTH, &name) == napi_ok &&
+                       napi_create_threadsafe_function(env_, function, nullptr, name, 0, 1, nullptr, nullptr,
+                                                       this, call, &fresh.queue) == napi_ok;
   if (!created) {
     napi_delete_reference(env_, fresh.function);
     return false;
@@ -114,9 +114,11 @@ void HostEnvironment::on_cleanup(void* self) {
   {
     Registry& r = registry();
     const std::lock_guard lock(r.mutex);
-    HostEnvironment** link = &r.first;
-    while (*link != nullptr && *link != host) link = &(*link)->next_;
-    if (*link == host) *link = host->next_;
+    for (HostEnvironment** link = &r.first; *link != nullptr; link = &(*link)->next_) {
+      if (*link != host) continue;
+      *link = host->next_;
+      break;
+    }
   }
   abandon_read(&host->config_, tq_socket_close);
   abandon_answers(&host->config_);
@@ -150,7 +152,8 @@ napi_status HostEnvironment::post_for(const SessionConfig* owner, Channel channe
   return napi_closing;
 }
 
-napi_status call_function(napi_env env, napi_value function, size_t argc, const napi_value* argv, napi_value* result) {
+napi_status call_function(napi_env env, napi_value function, size_t argc, const napi_value* argv,
+                          napi_value* result) {
   napi_value receiver = nullptr;
   napi_get_undefined(env, &receiver);
   const napi_status status = napi_call_function(env, receiver, function, argc, argv, result);

@@ -1,8 +1,8 @@
 // One JavaScript environment that has loaded the module: its configuration and the ways into its functions.
 //
-// Workers know an environment only by its configuration record, and reach it only through post(), which finds it among the
-// living ones under a lock. When the environment goes away it leaves that list first; from then on its read finds nobody
-// and gets on with its failure path.
+// Workers know an environment only by its configuration record, and reach it only through post(), which finds
+// it among the living ones under a lock. When the environment goes away it leaves that list first; from then
+// on its read finds nobody and gets on with its failure path.
 #pragma once
 
 #include <napi/native_api.h>
@@ -23,7 +23,8 @@ class HostEnvironment {
 
   SessionConfig& config() { return config_; }
 
-  // Makes `function` the JavaScript end of a channel, in place of an earlier one. False when it is no function.
+  // Makes `function` the JavaScript end of a channel, in place of an earlier one. False when it is no
+  // function.
   bool open_channel(Channel channel, napi_value function, napi_threadsafe_function_call_js call);
 
   // The JavaScript function of a channel; on failure null.
@@ -35,8 +36,8 @@ class HostEnvironment {
   // Lets the process exit if no read needs it any more.
   void release_process();
 
-  // From a worker: calls the JavaScript end of a channel of the environment whose read it runs. `data` belongs to the
-  // receiver when this returns napi_ok.
+  // From a worker: calls the JavaScript end of a channel of the environment whose read it runs. `data`
+  // belongs to the receiver when this returns napi_ok.
   static napi_status post(Channel channel, void* data);
 
  private:
@@ -62,6 +63,7 @@ class HostEnvironment {
 };
 
 // Calls a JavaScript function; an exception that it throws is cleared.
-napi_status call_function(napi_env env, napi_value function, size_t argc, const napi_value* argv, napi_value* result);
+napi_status call_function(napi_env env, napi_value function, size_t argc, const napi_value* argv,
+                          napi_value* result);
 
 }  // namespace tq

@@ -1,4 +1,5 @@
-// The N-API module `tqreader`: its registration and its exported functions. None of them throws; every failure is a code.
+// The N-API module `tqreader`: its registration and its exported functions. None of them throws; every
+// failure is a code.
 
 #include <napi/native_api.h>
 
@@ -47,8 +48,9 @@ napi_value init_sdk(napi_env env, napi_callback_info info) {
   TQ_LOG("sn: %{public}s", sn.c_str());
 
   SessionConfig& cfg = args.host().config();
-  int32_t rc = share_init(&cfg, appid.c_str(), kReadChunkSize, decode_mode, read_mode, kFrameFlag, kLogLevel, environment,
-                          sn.c_str(), sn.c_str(), sn.c_str(), package_name.c_str(), terminal_id, ip.c_str(), port);
+  int32_t rc = share_init(&cfg, appid.c_str(), kReadChunkSize, decode_mode, read_mode, kFrameFlag, kLogLevel,
+                          environment, sn.c_str(), sn.c_str(), sn.c_str(), package_name.c_str(), terminal_id,
+                          ip.c_str(), port);
   TQ_LOG("初始化: %{public}d", rc);
   if (rc == TQ_OK) {
     rc = share_set_reqid_version(&cfg, reqid_type);
@@ -80,7 +82,8 @@ napi_value register_timestamp_callback(napi_env env, napi_callback_info info) {
 napi_value register_result_callback(napi_env env, napi_callback_info info) {
   const Arguments<1> args(env, info);
   const bool opened = args.host().open_channel(Channel::kResult, args.value(0), call_result_function);
-  const int32_t rc = share_register_result_callback(&args.host().config(), opened ? shareResultCallback : nullptr);
+  const int32_t rc =
+      share_register_result_callback(&args.host().config(), opened ? shareResultCallback : nullptr);
   TQ_LOG("注册结果数据回调: %{public}d", rc);
   return args.result(rc);
 }
@@ -88,7 +91,8 @@ napi_value register_result_callback(napi_env env, napi_callback_info info) {
 napi_value register_monitor_callback(napi_env env, napi_callback_info info) {
   const Arguments<1> args(env, info);
   const bool opened = args.host().open_channel(Channel::kMonitor, args.value(0), call_monitor_function);
-  const int32_t rc = share_register_monitor_callback(&args.host().config(), opened ? shareMonitorDataCallback : nullptr);
+  const int32_t rc =
+      share_register_monitor_callback(&args.host().config(), opened ? shareMonitorDataCallback : nullptr);
   TQ_LOG("注册监控数据回调: %{public}d", rc);
   return args.result(rc);
 }
@@ -96,12 +100,14 @@ napi_value register_monitor_callback(napi_env env, napi_callback_info info) {
 napi_value register_card_callback(napi_env env, napi_callback_info info) {
   const Arguments<1> args(env, info);
   const bool opened = args.host().open_channel(Channel::kCard, args.value(0), call_card_function);
-  const int32_t rc = share_register_card_callback(&args.host().config(), opened ? cardCallback : nullptr, nullptr);
+  const int32_t rc =
+      share_register_card_callback(&args.host().config(), opened ? cardCallback : nullptr, nullptr);
   TQ_LOG("注册读卡回调: %{public}d", rc);
   return args.result(rc);
 }
 
-using AnswerHandler = void (*)(SessionConfig* cfg, const uint8_t* data, uint32_t length, uint8_t serial, int32_t status);
+using AnswerHandler = void (*)(SessionConfig* cfg, const uint8_t* data, uint32_t length, uint8_t serial,
+                               int32_t status);
 
 void hand_over_answer(const Arguments<3>& args, AnswerHandler handler) {
   ScratchBuffer text(kAnswerTextSize);
@@ -112,8 +118,10 @@ void hand_over_answer(const Arguments<3>& args, AnswerHandler handler) {
   const int32_t serial = args.integer(1);
   const int32_t status = args.integer(2);
   const uint32_t length = hex[0] == '\0' ? 0 : hexStringToBytes(hex, bytes.data());
-  TQ_LOG("nfc读卡返回数据结果: status:%{public}d, serial_num:%{public}d, data:%{public}s", status, serial, hex);
-  handler(&args.host().config(), bytes.data(), length, static_cast<uint8_t>(static_cast<uint32_t>(serial) & 0xFF), status);
+  TQ_LOG("nfc读卡返回数据结果: status:%{public}d, serial_num:%{public}d, data:%{public}s", status, serial,
+         hex);
+  handler(&args.host().config(), bytes.data(), length,
+          static_cast<uint8_t>(static_cast<uint32_t>(serial) & 0xFF), status);
 }
 
 napi_value take_id_card_answer(napi_env env, napi_callback_info info) {

@@ -38,7 +38,8 @@ int32_t send(SessionConfig* cfg, Bytes command, uint8_t serial) {
 }
 
 bool ends_with(Bytes bytes, std::initializer_list<uint8_t> end) {
-  return bytes.size() >= end.size() && std::equal(end.begin(), end.end(), bytes.end() - static_cast<ptrdiff_t>(end.size()));
+  return bytes.size() >= end.size() &&
+         std::equal(end.begin(), end.end(), bytes.end() - static_cast<ptrdiff_t>(end.size()));
 }
 
 bool starts_with_zeros(Bytes bytes) {
@@ -71,7 +72,8 @@ int32_t judge_status_only(SessionConfig& cfg, Bytes answer) {
   return starts_with_zeros(answer) ? TQ_NO_CARD_ANSWER : TQ_FAILED;
 }
 
-// The low half of the status of a long answer: its last two bytes, or its last non-zero byte in the upper of them.
+// The low half of the status of a long answer: its last two bytes, or its last non-zero byte in the upper of
+// them.
 uint32_t trailing_status(Bytes answer) {
   if (answer.back() != 0x00) return two_bytes(answer.last(2));
   const auto last = std::find_if(answer.rbegin(), answer.rend(), [](uint8_t b) { return b != 0x00; });
@@ -108,7 +110,8 @@ int32_t tq_read_card_anlysis(SessionConfig* cfg, const uint8_t* answer, uint32_t
   return length <= 3 ? judge_status_only(*cfg, all) : judge_long(*cfg, all);
 }
 
-void id_card_handler(SessionConfig* cfg, const uint8_t* data, uint32_t length, uint8_t serial, int32_t status) {
+void id_card_handler(SessionConfig* cfg, const uint8_t* data, uint32_t length, uint8_t serial,
+                     int32_t status) {
   static_cast<void>(cfg);  // the read works on its own copy
   const Bytes answer = data == nullptr ? Bytes{} : Bytes{data, length};
   tq::deliver_answer(tq::ReadKind::kIdentityCard, answer, serial, status);
@@ -125,8 +128,8 @@ int32_t id_card_select_file(SessionConfig* cfg, uint32_t which, uint8_t serial) 
 int32_t id_card_read_file(SessionConfig* cfg, uint32_t offset, uint32_t total, uint8_t serial) {
   if (cfg == nullptr || offset > total) return TQ_OK;
   const uint32_t count = std::min<uint32_t>(total - offset, cfg->readChunkSize);
-  const std::array<uint8_t, 5> command = {0x80, 0xB0, static_cast<uint8_t>(offset >> 8), static_cast<uint8_t>(offset),
-                                          static_cast<uint8_t>(count)};
+  const std::array<uint8_t, 5> command = {0x80, 0xB0, static_cast<uint8_t>(offset >> 8),
+                                          static_cast<uint8_t>(offset), static_cast<uint8_t>(count)};
   return send(cfg, command, serial);
 }
 

@@ -106,7 +106,8 @@ Outcome IdCardRead::handle_answer() {
 }
 
 void IdCardRead::report(int32_t final_result) {
-  monitor_data_parse(&cfg_, work_key_.data(), start_time_, final_result, delay_, "", 0, nullptr, cfg_.stickCardId);
+  monitor_data_parse(&cfg_, work_key_.data(), start_time_, final_result, delay_, "", 0, nullptr,
+                     cfg_.stickCardId);
   if (final_result < 0) result_business_id_parse(&cfg_, &result_);
   release_business_id(cfg_);
   tq_socket_close();
@@ -121,7 +122,8 @@ void IdCardRead::deliver_result(int32_t code) {
   result_ = {};
 }
 
-// --- the steps -------------------------------------------------------------------------------------------------------
+// --- the steps
+// -------------------------------------------------------------------------------------------------------
 
 Outcome IdCardRead::on_reqb() {
   id_card_find_card(&cfg_, kAttrib);
@@ -144,8 +146,8 @@ Outcome IdCardRead::on_management_data() {
   return Outcome::unless_failed(relayStep(kCardAuth1, kInternalAuthenticate));
 }
 
-// When card and server answer fast enough, the next answer of the card is fetched first and both go to the server in one
-// exchange.
+// When card and server answer fast enough, the next answer of the card is fetched first and both go to the
+// server in one exchange.
 Outcome IdCardRead::on_internal_authenticate() {
   const int64_t turnaround = elapsed(now(), last_auth_time_);
   last_auth_time_ = turnaround;
@@ -183,7 +185,8 @@ Outcome IdCardRead::on_external_authenticate() {
 Outcome IdCardRead::on_file_6011_selected() {
   uint8_t data[kAnswerRoom];
   if (int32_t rc = check_answer(data); rc < 0) return Outcome::end_with(rc);
-  return Outcome::unless_failed(id_card_read_file(&cfg_, card_.file6011.count, TQ_FILE_6011_LENGTH, kRead6011));
+  return Outcome::unless_failed(
+      id_card_read_file(&cfg_, card_.file6011.count, TQ_FILE_6011_LENGTH, kRead6011));
 }
 
 Outcome IdCardRead::on_file_6011_data() {
@@ -193,13 +196,15 @@ Outcome IdCardRead::on_file_6011_data() {
   if (n == 0) return Outcome::end_silently();
   card_.file6011.append(data.bytes().first(static_cast<size_t>(n)));
   if (card_.file6011.complete()) return Outcome::unless_failed(id_card_select_file(&cfg_, 1, kSelect6012));
-  return Outcome::unless_failed(id_card_read_file(&cfg_, card_.file6011.count, TQ_FILE_6011_LENGTH, kRead6011));
+  return Outcome::unless_failed(
+      id_card_read_file(&cfg_, card_.file6011.count, TQ_FILE_6011_LENGTH, kRead6011));
 }
 
 Outcome IdCardRead::on_file_6012_selected() {
   uint8_t data[kAnswerRoom];
   if (int32_t rc = check_answer(data); rc < 0) return Outcome::end_with(rc);
-  return Outcome::unless_failed(id_card_read_file(&cfg_, card_.file6012.count, TQ_FILE_6012_LENGTH, kRead6012));
+  return Outcome::unless_failed(
+      id_card_read_file(&cfg_, card_.file6012.count, TQ_FILE_6012_LENGTH, kRead6012));
 }
 
 Outcome IdCardRead::on_file_6012_data() {
@@ -224,7 +229,8 @@ Outcome IdCardRead::decode_first_files() {
 Outcome IdCardRead::on_file_6013_selected() {
   uint8_t data[kAnswerRoom];
   if (int32_t rc = check_answer(data); rc < 0) return Outcome::end_with(rc);
-  return Outcome::unless_failed(id_card_read_file(&cfg_, card_.file6013.count, TQ_FILE_6013_LENGTH, kRead6013));
+  return Outcome::unless_failed(
+      id_card_read_file(&cfg_, card_.file6013.count, TQ_FILE_6013_LENGTH, kRead6013));
 }
 
 Outcome IdCardRead::on_file_6013_data() {
@@ -237,13 +243,16 @@ Outcome IdCardRead::on_file_6013_data() {
     count_file_time();
     return Outcome::end_with(decodeStep(kDecodeFile6013));
   }
-  return Outcome::unless_failed(id_card_read_file(&cfg_, card_.file6013.count, TQ_FILE_6013_LENGTH, kRead6013));
+  return Outcome::unless_failed(
+      id_card_read_file(&cfg_, card_.file6013.count, TQ_FILE_6013_LENGTH, kRead6013));
 }
 
-// --- what the steps are made of --------------------------------------------------------------------------------------
+// --- what the steps are made of
+// --------------------------------------------------------------------------------------
 
 int32_t IdCardRead::check_answer(std::span<uint8_t> out) {
-  return tq_read_card_anlysis(&cfg_, answer_.data.data(), answer_.length, out.data(), static_cast<uint32_t>(out.size()));
+  return tq_read_card_anlysis(&cfg_, answer_.data.data(), answer_.length, out.data(),
+                              static_cast<uint32_t>(out.size()));
 }
 
 bool IdCardRead::is_empty_too_often(int32_t num_bytes) {
@@ -275,16 +284,18 @@ int32_t IdCardRead::relayStep(uint32_t command, uint8_t next_serial) {
   return tq_read_card_send(&cfg_, buffer.data(), static_cast<uint32_t>(len), next_serial);
 }
 
-// One card-authentication exchange in one buffer. Returns the length of the next card command, or the read's result.
-int32_t IdCardRead::exchange_for_card(std::span<const uint8_t> answer, uint32_t command, std::span<uint8_t> buffer) {
+// One card-authentication exchange in one buffer. Returns the length of the next card command, or the read's
+// result.
+int32_t IdCardRead::exchange_for_card(std::span<const uint8_t> answer, uint32_t command,
+                                      std::span<uint8_t> buffer) {
   const auto capacity = static_cast<uint32_t>(buffer.size());
-  const int32_t request_len = input_auth_cmd_group(&cfg_, answer.data(), static_cast<uint32_t>(answer.size()), command,
-                                                   work_key_.data(), buffer.data(), capacity);
+  const int32_t request_len = input_auth_cmd_group(&cfg_, answer.data(), static_cast<uint32_t>(answer.size()),
+                                                   command, work_key_.data(), buffer.data(), capacity);
   if (request_len < 0) return TQ_REQUEST_NOT_BUILT;
   const bool timed = command == kCardAuth1;
   const int64_t before = timed ? now() : 0;
-  const int32_t num_received = tcp_send_and_recv(&cfg_, buffer.data(), static_cast<uint32_t>(request_len), buffer.data(),
-                                                 capacity, TQ_SHORT_FRAME);
+  const int32_t num_received = tcp_send_and_recv(&cfg_, buffer.data(), static_cast<uint32_t>(request_len),
+                                                 buffer.data(), capacity, TQ_SHORT_FRAME);
   if (num_received < 0) return num_received;
   if (timed) server_round_trip_ = elapsed(now(), before);
   const int32_t len = output_auth_cmd_analysis(buffer.data(), static_cast<uint32_t>(num_received), command,
@@ -294,15 +305,17 @@ int32_t IdCardRead::exchange_for_card(std::span<const uint8_t> answer, uint32_t 
   return len;
 }
 
-// Has the files read so far decoded. A value of 0 or more is a result, or means that the next file is being selected.
+// Has the files read so far decoded. A value of 0 or more is a result, or means that the next file is being
+// selected.
 int32_t IdCardRead::decodeStep(uint32_t command) {
   const bool may_be_large = command == kDecodeFile6013 && cfg_.readMode == 0 && cfg_.decodeMode == 0;
   ScratchBuffer buffer(may_be_large ? TQ_DECODE_BUFFER_LARGE : TQ_DECODE_BUFFER);
   if (!buffer) return TQ_REQUEST_NOT_BUILT;
   const int32_t num_received = ask_for_decoding(command, buffer);
   if (num_received < 0) return num_received;
-  const int32_t len = output_data_decode_analysis(buffer.data(), static_cast<uint32_t>(num_received), command,
-                                                  work_key_.data(), buffer.data(), static_cast<uint32_t>(buffer.size()));
+  const int32_t len =
+      output_data_decode_analysis(buffer.data(), static_cast<uint32_t>(num_received), command,
+                                  work_key_.data(), buffer.data(), static_cast<uint32_t>(buffer.size()));
   if (len >= 1 && command != kDecodeFiles) {
     return result_info_data_parse(&cfg_, buffer.data(), static_cast<uint32_t>(len), &result_);
   }
@@ -318,13 +331,15 @@ int32_t IdCardRead::ask_for_decoding(uint32_t command, ScratchBuffer& buffer) {
   const auto capacity = static_cast<uint32_t>(buffer.size());
   const int32_t len = input_data_decode_group(
       card_.management.data(), TQ_MANAGEMENT_LENGTH, card_.file6011.data.data(), card_.file6011.count,
-      card_.file6012.data.data(), card_.file6012.count, card_.file6013.data.data(), card_.file6013.count, command,
-      work_key_.data(), buffer.data(), capacity, &timing_);
+      card_.file6012.data.data(), card_.file6012.count, card_.file6013.data.data(), card_.file6013.count,
+      command, work_key_.data(), buffer.data(), capacity, &timing_);
   if (len < 0) return TQ_REQUEST_NOT_BUILT;
-  return tcp_send_and_recv(&cfg_, buffer.data(), static_cast<uint32_t>(len), buffer.data(), capacity, TQ_SHORT_FRAME);
+  return tcp_send_and_recv(&cfg_, buffer.data(), static_cast<uint32_t>(len), buffer.data(), capacity,
+                           TQ_SHORT_FRAME);
 }
 
-// --- timing, when the server wants it --------------------------------------------------------------------------------
+// --- timing, when the server wants it
+// --------------------------------------------------------------------------------
 
 int64_t IdCardRead::now() const {
   return host_time(cfg_);

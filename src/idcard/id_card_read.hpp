@@ -1,4 +1,5 @@
-// The worker of one identity-card read: a table of steps, one for each serial number that an answer can carry.
+// The worker of one identity-card read: a table of steps, one for each serial number that an answer can
+// carry.
 #pragma once
 
 #include <array>

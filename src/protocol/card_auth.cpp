@@ -81,30 +81,34 @@ int32_t input_auth_cmd_group(SessionConfig* cfg, const uint8_t* card, uint32_t c
   Secret<kLongestData> data;
   ByteWriter w(data.bytes());
   const std::span<const uint8_t> answer(card, cardLength);
-  const bool written = command == kCardAuth1 ? write_first_data(w, *cfg, answer) : write_later_data(w, answer);
+  const bool written =
+      command == kCardAuth1 ? write_first_data(w, *cfg, answer) : write_later_data(w, answer);
   if (!written) return TQ_FAILED;
 
   Secret<kLongestData + kSecretFraming> secret;
-  const int32_t len = input_secret_command_group(data.data(), static_cast<uint32_t>(w.size()), command, workKey,
-                                                 secret.data(), static_cast<uint32_t>(w.size() + kSecretFraming));
+  const int32_t len =
+      input_secret_command_group(data.data(), static_cast<uint32_t>(w.size()), command, workKey,
+                                 secret.data(), static_cast<uint32_t>(w.size() + kSecretFraming));
   if (len < 0) return TQ_FAILED;
-  return input_command_group(secret.data(), static_cast<uint32_t>(len), kHeaderIdentityCard, command, kFrameParameter,
-                             kTypePlain, out, capacity);
+  return input_command_group(secret.data(), static_cast<uint32_t>(len), kHeaderIdentityCard, command,
+                             kFrameParameter, kTypePlain, out, capacity);
 }
 
-int32_t output_auth_cmd_analysis(const uint8_t* frame, uint32_t frameLength, uint32_t command, const uint8_t* workKey,
-                                 uint8_t* out, uint32_t capacity) {
+int32_t output_auth_cmd_analysis(const uint8_t* frame, uint32_t frameLength, uint32_t command,
+                                 const uint8_t* workKey, uint8_t* out, uint32_t capacity) {
   using namespace tq;
   const AnswerRule rule = answer_rule(command);
-  if (frame == nullptr || out == nullptr || frameLength < kLeastFrame || capacity < rule.least_capacity) return TQ_FAILED;
+  if (frame == nullptr || out == nullptr || frameLength < kLeastFrame || capacity < rule.least_capacity)
+    return TQ_FAILED;
   ScratchBuffer secret(frameLength);
   if (!secret) return TQ_FAILED;
   uint32_t parameter = 0;
-  const int32_t secret_len = output_command_anlysis(frame, frameLength, kHeaderIdentityCard, command, &parameter,
-                                                    kTypePlain, workKey, secret.data(), frameLength);
+  const int32_t secret_len =
+      output_command_anlysis(frame, frameLength, kHeaderIdentityCard, command, &parameter, kTypePlain,
+                             workKey, secret.data(), frameLength);
   if (secret_len < 0) return secret_len;
-  const int32_t len = output_secret_command_analysis(secret.data(), static_cast<uint32_t>(secret_len), rule.answer,
-                                                     secret.data(), frameLength);
+  const int32_t len = output_secret_command_analysis(secret.data(), static_cast<uint32_t>(secret_len),
+                                                     rule.answer, secret.data(), frameLength);
   if (len < 0) return len;
   ByteWriter w({out, capacity});
   w.bytes(rule.prefix);

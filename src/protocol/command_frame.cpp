@@ -26,8 +26,8 @@ bool is_authentication(uint32_t command) {
   return command == kAuthenticateOld || command == kAuthenticate;
 }
 
-// The status bytes as hexadecimal digits, F counting as 0, read as a decimal number up to the first other letter.
-// A failure whose digits read as zero is no status at all.
+// The status bytes as hexadecimal digits, F counting as 0, read as a decimal number up to the first other
+// letter. A failure whose digits read as zero is no status at all.
 int32_t status_code(std::span<const uint8_t> status) {
   int32_t value = 0;
   for (size_t i = 0; i < 2 * status.size(); ++i) {
@@ -80,10 +80,12 @@ int32_t decrypt(std::span<const uint8_t> in, const uint8_t* work_key, std::span<
   return len;
 }
 
-int32_t deliver(const Response& response, const Expected& expected, const uint8_t* work_key, std::span<uint8_t> out) {
+int32_t deliver(const Response& response, const Expected& expected, const uint8_t* work_key,
+                std::span<uint8_t> out) {
   const std::span<const uint8_t> payload = response.payload;
   if (payload.empty() || payload.size() > out.size()) return TQ_FAILED;
-  const bool plain = is_authentication(expected.command) || (expected.type == kTypeFlagged && payload[0] != kFlagEncrypted);
+  const bool plain =
+      is_authentication(expected.command) || (expected.type == kTypeFlagged && payload[0] != kFlagEncrypted);
   if (plain) return copy_bytes(payload, out) ? static_cast<int32_t>(payload.size()) : TQ_FAILED;
   if (expected.type != kTypeFlagged) return decrypt(payload, work_key, out);
   const int32_t len = decrypt(payload.subspan(1), work_key, out.subspan(1));
@@ -127,8 +129,8 @@ int32_t input_command_group(const uint8_t* payload, uint32_t payloadLength, uint
 }
 
 int32_t output_command_anlysis(const uint8_t* frame, uint32_t frameLength, uint8_t header, uint32_t command,
-                               uint32_t* responseParameter, uint8_t typeByte, const uint8_t* workKey, uint8_t* out,
-                               uint32_t capacity) {
+                               uint32_t* responseParameter, uint8_t typeByte, const uint8_t* workKey,
+                               uint8_t* out, uint32_t capacity) {
   if (frame == nullptr || out == nullptr) return TQ_FAILED;
   const tq::Expected expected{header, command, typeByte};
   tq::Response response;

@@ -19,15 +19,15 @@ enum Command : uint16_t {
   kPassportStart = 0x7201,
   kPassportFiles = 0x7202,
   kMonitorReport = 0x7219,
-  kErrorReply = 0xFFFF,       // stands for the command in an error reply to server authentication
+  kErrorReply = 0xFFFF,  // stands for the command in an error reply to server authentication
 };
 
 constexpr uint8_t kHeaderIdentityCard = 0x70;
 constexpr uint8_t kHeaderRouteOne = 0x71;
 constexpr uint8_t kHeaderPassport = 0x72;
 
-constexpr uint8_t kTypePlain = 0xAA;     // requests, and answers without a flag byte
-constexpr uint8_t kTypeFlagged = 0x99;   // answers whose payload starts with an encryption flag
+constexpr uint8_t kTypePlain = 0xAA;    // requests, and answers without a flag byte
+constexpr uint8_t kTypeFlagged = 0x99;  // answers whose payload starts with an encryption flag
 constexpr uint8_t kTypeAuthenticate = 0xA8;
 constexpr uint8_t kTypeMonitor = 0x19;
 

@@ -42,7 +42,8 @@ bool sizes_match(const CardFiles& files, uint32_t command) {
 }
 
 size_t data_length(uint32_t command) {
-  constexpr size_t kFirstFiles = TQ_MANAGEMENT_LENGTH + TQ_FILE_6011_LENGTH + TQ_FILE_6012_LENGTH + kFileMarks;
+  constexpr size_t kFirstFiles =
+      TQ_MANAGEMENT_LENGTH + TQ_FILE_6011_LENGTH + TQ_FILE_6012_LENGTH + kFileMarks;
   const size_t files = takes_file_6013(command) ? size_t{TQ_FILE_6013_LENGTH} : kFirstFiles;
   return command == kDecodeFiles ? files : files + kReservedLength;
 }
@@ -67,8 +68,8 @@ void write_timing(ByteWriter& w, const TqTiming& timing) {
 }
 
 // The encrypted secret frame, in `room`. Returns its length, or TQ_FAILED.
-int32_t encrypted_frame(std::span<const uint8_t> data, uint32_t command, const TqTiming* timing, const uint8_t* work_key,
-                        std::span<uint8_t> room) {
+int32_t encrypted_frame(std::span<const uint8_t> data, uint32_t command, const TqTiming* timing,
+                        const uint8_t* work_key, std::span<uint8_t> room) {
   ByteWriter w(room.first(room.size() - kBlockPadding));
   write_secret_frame(w, command, data);
   if (command != kDecodeFiles) {
@@ -79,8 +80,8 @@ int32_t encrypted_frame(std::span<const uint8_t> data, uint32_t command, const T
   return TQ_sm4Encrypt(room.data(), static_cast<int32_t>(w.size()), work_key, 0, room.data());
 }
 
-int32_t build_request(const CardFiles& files, uint32_t command, const TqTiming* timing, const uint8_t* work_key,
-                      std::span<uint8_t> out) {
+int32_t build_request(const CardFiles& files, uint32_t command, const TqTiming* timing,
+                      const uint8_t* work_key, std::span<uint8_t> out) {
   const size_t len = data_length(command);
   ScratchBuffer data(len);
   ScratchBuffer secret(len + kSecretFraming + kTimingLength + kBlockPadding);
@@ -106,7 +107,8 @@ extern "C" {
 int32_t input_data_decode_group(const uint8_t* management, uint32_t managementLength, const uint8_t* file6011,
                                 uint32_t file6011Length, const uint8_t* file6012, uint32_t file6012Length,
                                 const uint8_t* file6013, uint32_t file6013Length, uint32_t command,
-                                const uint8_t* workKey, uint8_t* out, uint32_t capacity, const TqTiming* timing) {
+                                const uint8_t* workKey, uint8_t* out, uint32_t capacity,
+                                const TqTiming* timing) {
   using namespace tq;
   const CardFiles files{borrowed(management, managementLength), borrowed(file6011, file6011Length),
                         borrowed(file6012, file6012Length), borrowed(file6013, file6013Length)};
@@ -124,8 +126,8 @@ int32_t output_data_decode_analysis(const uint8_t* frame, uint32_t frameLength, 
   if (!payload) return TQ_FAILED;
   uint32_t parameter = 0;
   const uint8_t type = command == kDecodeFiles ? kTypePlain : kTypeFlagged;
-  const int32_t len = output_command_anlysis(frame, frameLength, kHeaderIdentityCard, command, &parameter, type, workKey,
-                                             payload.data(), frameLength);
+  const int32_t len = output_command_anlysis(frame, frameLength, kHeaderIdentityCard, command, &parameter,
+                                             type, workKey, payload.data(), frameLength);
   if (len < 0) return len;
   if (command == kDecodeFiles) {
     return output_secret_command_analysis(payload.data(), static_cast<uint32_t>(len), command, out, capacity);

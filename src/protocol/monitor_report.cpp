@@ -44,7 +44,8 @@ int32_t encrypted_text(std::span<const uint8_t> text, const uint8_t* work_key, s
 // The texts that a monitor record borrows.
 struct RecordTexts {
   explicit RecordTexts(const SessionConfig& cfg) : device(cfg) {
-    bytesToHexString(cfg.lastCommand, std::min<uint32_t>(cfg.lastCommandLength, TQ_LAST_COMMAND_MAX), command.data());
+    bytesToHexString(cfg.lastCommand, std::min<uint32_t>(cfg.lastCommandLength, TQ_LAST_COMMAND_MAX),
+                     command.data());
     std::copy_n(cfg.appid, TQ_APPID_LENGTH, appid.data());
   }
 
@@ -56,8 +57,9 @@ struct RecordTexts {
 void send_report(SessionConfig& cfg, ScratchBuffer& buffer, int32_t text_len, const uint8_t* work_key,
                  const uint8_t* prefix) {
   const auto capacity = static_cast<uint32_t>(buffer.size());
-  const int32_t len = input_7219_group(&cfg, reinterpret_cast<const char*>(buffer.data()),
-                                       static_cast<uint32_t>(text_len), work_key, buffer.data(), capacity, prefix);
+  const int32_t len =
+      input_7219_group(&cfg, reinterpret_cast<const char*>(buffer.data()), static_cast<uint32_t>(text_len),
+                       work_key, buffer.data(), capacity, prefix);
   if (len < 0) return;
   tcp_send_and_recv(&cfg, buffer.data(), static_cast<uint32_t>(len), buffer.data(), capacity, TQ_SHORT_FRAME);
 }
@@ -67,11 +69,13 @@ void send_report(SessionConfig& cfg, ScratchBuffer& buffer, int32_t text_len, co
 
 extern "C" {
 
-void monitor_data_parse(SessionConfig* cfg, const uint8_t* workKey, int64_t startTime, int32_t result, uint32_t delay,
-                        const char* sodText, int32_t unused, const uint8_t* prefix, const uint8_t* stickCardId) {
+void monitor_data_parse(SessionConfig* cfg, const uint8_t* workKey, int64_t startTime, int32_t result,
+                        uint32_t delay, const char* sodText, int32_t unused, const uint8_t* prefix,
+                        const uint8_t* stickCardId) {
   using namespace tq;
   static_cast<void>(unused);
-  if (cfg == nullptr || workKey == nullptr || stickCardId == nullptr || cfg->monitorCallback == nullptr) return;
+  if (cfg == nullptr || workKey == nullptr || stickCardId == nullptr || cfg->monitorCallback == nullptr)
+    return;
   const int64_t now = host_time(*cfg);
   ScratchBuffer buffer(kReportBuffer);
   if (!buffer) return;
@@ -90,15 +94,17 @@ void monitor_data_parse(SessionConfig* cfg, const uint8_t* workKey, int64_t star
   record.sod_file = sodText == nullptr ? "" : sodText;
   bytesToHexString(stickCardId, TQ_STICK_CARD_ID_LENGTH, record.stickCard_id);
 
-  const int32_t text_len = cfg->monitorCallback(&record, reinterpret_cast<char*>(buffer.data()), kLongestText);
+  const int32_t text_len =
+      cfg->monitorCallback(&record, reinterpret_cast<char*>(buffer.data()), kLongestText);
   if (text_len < 0 || static_cast<uint32_t>(text_len) > kLongestText) return;
   send_report(*cfg, buffer, text_len, workKey, prefix);
 }
 
-int32_t input_7219_group(SessionConfig* cfg, const char* json, uint32_t jsonLength, const uint8_t* workKey, uint8_t* out,
-                         uint32_t capacity, const uint8_t* prefix) {
+int32_t input_7219_group(SessionConfig* cfg, const char* json, uint32_t jsonLength, const uint8_t* workKey,
+                         uint8_t* out, uint32_t capacity, const uint8_t* prefix) {
   using namespace tq;
-  if (cfg == nullptr || (json == nullptr && jsonLength != 0) || workKey == nullptr || out == nullptr) return TQ_FAILED;
+  if (cfg == nullptr || (json == nullptr && jsonLength != 0) || workKey == nullptr || out == nullptr)
+    return TQ_FAILED;
   if (size_t{jsonLength} + kBlockFraming + kFrameBytes > UINT16_MAX - kBlockPadding) return TQ_FAILED;
   ScratchBuffer block(jsonLength + kBlockFraming + kBlockPadding);
   if (!block) return TQ_FAILED;
@@ -114,8 +120,8 @@ int32_t input_7219_group(SessionConfig* cfg, const char* json, uint32_t jsonLeng
     w.bytes({prefix, kPrefixLength});
   }
   w.bytes(block.bytes().first(static_cast<size_t>(block_len)));
-  return input_command_group(payload.data(), static_cast<uint32_t>(payload.size()), route_header(*cfg), kMonitorReport,
-                             kFrameParameter, kTypeMonitor, out, capacity);
+  return input_command_group(payload.data(), static_cast<uint32_t>(payload.size()), route_header(*cfg),
+                             kMonitorReport, kFrameParameter, kTypeMonitor, out, capacity);
 }
 
 }  // extern "C"

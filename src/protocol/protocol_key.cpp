@@ -14,7 +14,8 @@
 
 namespace {
 
-constexpr std::array<uint8_t, tq::kCodecBlockLen> kScrambleKey = {0x5A, 0xC3, 0x71, 0x1E, 0xB8, 0x64, 0x9D, 0x2F};
+constexpr std::array<uint8_t, tq::kCodecBlockLen> kScrambleKey = {0x5A, 0xC3, 0x71, 0x1E,
+                                                                  0xB8, 0x64, 0x9D, 0x2F};
 constexpr size_t kScrambledLength = tq::block_encoded_len(tq::kKeyLength);
 
 using ScrambledText = std::array<char, 2 * kScrambledLength + 1>;

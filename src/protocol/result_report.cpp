@@ -103,7 +103,8 @@ void deliver(ScratchBuffer& block, size_t length, int32_t flag, info_data& resul
 
 int32_t deliver_json(const SessionConfig& cfg, const DecodedData& decoded, info_data& result) {
   const std::string_view id = business_id(cfg);
-  ScratchBuffer text(decoded.info.size() + 2 * decoded.back_card_id.size() + kLongestIdType + id.size() + kJsonFraming);
+  ScratchBuffer text(decoded.info.size() + 2 * decoded.back_card_id.size() + kLongestIdType + id.size() +
+                     kJsonFraming);
   if (!text) return TQ_RESPONSE_MALFORMED;
   ByteWriter w(text.bytes());
   w.bytes(as_bytes("{\"reqid\":\""));

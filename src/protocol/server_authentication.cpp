@@ -27,7 +27,8 @@ std::span<const uint8_t> appid_of(const SessionConfig& cfg) {
   return std::span(cfg.appid).first(TQ_APPID_LENGTH);
 }
 
-void write_full_block(ByteWriter& w, const SessionConfig& cfg, const DeviceId& device, const uint8_t* stick_card_id) {
+void write_full_block(ByteWriter& w, const SessionConfig& cfg, const DeviceId& device,
+                      const uint8_t* stick_card_id) {
   const bool has_digest = cfg.packageDigestSet == 1;
   w.u8(cfg.authMode);
   w.u8(kFullFormMark);
@@ -114,8 +115,8 @@ int32_t take_answer_values(SessionConfig& cfg, ByteReader& r, uint8_t* stick_car
 }
 
 // The decrypted answer in its full form. Bytes behind the checksum are not looked at.
-int32_t take_full_answer(SessionConfig& cfg, std::span<const uint8_t> block, uint32_t command, uint8_t* work_key,
-                         uint8_t* stick_card_id) {
+int32_t take_full_answer(SessionConfig& cfg, std::span<const uint8_t> block, uint32_t command,
+                         uint8_t* work_key, uint8_t* stick_card_id) {
   ByteReader r(block);
   uint32_t length = 0;
   std::span<const uint8_t> key;
@@ -137,27 +138,29 @@ int32_t take_compact_answer(std::span<const uint8_t> block) {
 }
 
 // Builds the request and exchanges it in one buffer. Returns the answer's length or the read's result code.
-int32_t exchange_7500(SessionConfig& cfg, ScratchBuffer& buffer, uint8_t* work_key, const uint8_t* stick_card_id,
-                      uint32_t& delay) {
+int32_t exchange_7500(SessionConfig& cfg, ScratchBuffer& buffer, uint8_t* work_key,
+                      const uint8_t* stick_card_id, uint32_t& delay) {
   const auto capacity = static_cast<uint32_t>(buffer.size());
   ScratchBuffer scratch(TQ_AUTHENTICATION_BUFFER);
   if (!buffer || !scratch) return TQ_REQUEST_NOT_BUILT;
-  const int32_t len = input_7500_group(&cfg, scratch.data(), work_key, stick_card_id, buffer.data(), capacity);
+  const int32_t len =
+      input_7500_group(&cfg, scratch.data(), work_key, stick_card_id, buffer.data(), capacity);
   if (len < 0) return TQ_REQUEST_NOT_BUILT;
   const int64_t before = host_time(cfg);
-  const int32_t num_received =
-      tcp_send_and_recv(&cfg, buffer.data(), static_cast<uint32_t>(len), buffer.data(), capacity, TQ_SHORT_FRAME);
+  const int32_t num_received = tcp_send_and_recv(&cfg, buffer.data(), static_cast<uint32_t>(len),
+                                                 buffer.data(), capacity, TQ_SHORT_FRAME);
   if (num_received < 0) return TQ_EXCHANGE_FAILED;
   delay = static_cast<uint32_t>(elapsed(host_time(cfg), before));
   return num_received;
 }
 
-int32_t authenticate_connected(SessionConfig& cfg, uint8_t* work_key, uint32_t& delay, uint8_t* stick_card_id) {
+int32_t authenticate_connected(SessionConfig& cfg, uint8_t* work_key, uint32_t& delay,
+                               uint8_t* stick_card_id) {
   ScratchBuffer buffer(TQ_AUTHENTICATION_BUFFER);
   const int32_t len = exchange_7500(cfg, buffer, work_key, stick_card_id, delay);
   if (len < 0) return len;
-  const int32_t rc = output_7100_and_7500_analysis(&cfg, buffer.data(), static_cast<uint32_t>(len), kAuthenticate,
-                                                   work_key, stick_card_id);
+  const int32_t rc = output_7100_and_7500_analysis(&cfg, buffer.data(), static_cast<uint32_t>(len),
+                                                   kAuthenticate, work_key, stick_card_id);
   return rc == TQ_FAILED ? static_cast<int32_t>(TQ_RESPONSE_MALFORMED) : rc;
 }
 
@@ -195,11 +198,12 @@ int32_t input_7500_group(SessionConfig* cfg, uint8_t* scratch, uint8_t* workKey,
   body.bytes(block.bytes().first(static_cast<size_t>(block_len)));
   if (!write_key_envelope(body, *cfg, {workKey, kKeyLength})) return TQ_FAILED;
   return input_command_group(scratch, static_cast<uint32_t>(body.size()), route_header(*cfg), kAuthenticate,
-                             static_cast<uint32_t>(block_len) + kParameterBeyondBlock, kTypeAuthenticate, out, capacity);
+                             static_cast<uint32_t>(block_len) + kParameterBeyondBlock, kTypeAuthenticate, out,
+                             capacity);
 }
 
-int32_t output_7100_and_7500_analysis(SessionConfig* cfg, const uint8_t* frame, uint32_t frameLength, uint32_t command,
-                                      uint8_t* workKey, uint8_t* stickCardId) {
+int32_t output_7100_and_7500_analysis(SessionConfig* cfg, const uint8_t* frame, uint32_t frameLength,
+                                      uint32_t command, uint8_t* workKey, uint8_t* stickCardId) {
   using namespace tq;
   if (cfg == nullptr || frame == nullptr || workKey == nullptr || stickCardId == nullptr) return TQ_FAILED;
   ScratchBuffer payload(frameLength);
@@ -207,8 +211,8 @@ int32_t output_7100_and_7500_analysis(SessionConfig* cfg, const uint8_t* frame, 
   if (!payload || !block) return TQ_FAILED;
   const uint8_t header = command == kAuthenticateOld ? kHeaderIdentityCard : route_header(*cfg);
   uint32_t parameter = 0;
-  const int32_t len = output_command_anlysis(frame, frameLength, header, command, &parameter, kTypePlain, workKey,
-                                             payload.data(), frameLength);
+  const int32_t len = output_command_anlysis(frame, frameLength, header, command, &parameter, kTypePlain,
+                                             workKey, payload.data(), frameLength);
   if (len < 0) return len;
   const uint32_t opaque = parameter - kLeastParameter;  // a field that only the server understands
   if (opaque >= static_cast<uint32_t>(len)) return TQ_FAILED;

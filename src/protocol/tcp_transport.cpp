@@ -1,13 +1,13 @@
 #include "protocol/tcp_transport.h"
 
 #include <arpa/inet.h>
-#include <cerrno>
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <cerrno>
 
 #include <algorithm>
 #include <atomic>
@@ -29,12 +29,12 @@ constexpr int64_t kLongestRetryMs = 80;
 constexpr uint8_t kFirstHeader = 0x70;
 constexpr uint8_t kLastHeader = 0x72;
 
-// The process-wide connection. Its descriptors are closed by the thread that uses them, or by the closing thread when
-// nobody does, so a number is never used after another thread could have been given it again.
+// The process-wide connection. Its descriptors are closed by the thread that uses them, or by the closing
+// thread when nobody does, so a number is never used after another thread could have been given it again.
 struct Connection {
   std::mutex mutex;
   int32_t socketFd = -1;
-  int wake_read = -1;   // becomes readable when the connection is aborted
+  int wake_read = -1;  // becomes readable when the connection is aborted
   int wake_write = -1;
   bool socketConnected = false;
   std::atomic<bool> socketAbort{false};
@@ -139,7 +139,6 @@ bool open_wake_pipe(Connection& c) {
   return true;
 }
 
-
 // Tries until the server accepts, the limit has passed or somebody aborts.
 bool keep_connecting(ConnectionUse& use, const sockaddr_in& server, const tq::TimeLimit& limit) {
   int64_t retry_ms = kFirstRetryMs;
@@ -165,7 +164,8 @@ bool worth_another_try(ssize_t result) {
   return result < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
 }
 
-// Returns the bytes sent, the last result when aborted, or TQ_FAILED. A connection that is gone fails at once.
+// Returns the bytes sent, the last result when aborted, or TQ_FAILED. A connection that is gone fails at
+// once.
 int32_t send_all(const ConnectionUse& use, std::span<const uint8_t> bytes) {
   const tq::TimeLimit limit(kExchangeLimitMs);
   if (!limit.clock_ok()) return TQ_FAILED;
@@ -259,7 +259,8 @@ void tq_socket_close(void) {
   c.socketAbort = true;
   if (c.wake_write >= 0) {
     const uint8_t wake = 1;
-    [[maybe_unused]] const ssize_t written = write(c.wake_write, &wake, sizeof wake);  // a full pipe wakes as well
+    [[maybe_unused]] const ssize_t written =
+        write(c.wake_write, &wake, sizeof wake);  // a full pipe wakes as well
   }
   if (!c.socketConnected) return;
   c.socketConnected = false;
@@ -270,8 +271,8 @@ void tq_socket_close(void) {
   }
 }
 
-int32_t tcp_send_and_recv(const SessionConfig* cfg, const uint8_t* request, uint32_t requestLength, uint8_t* response,
-                          uint32_t capacity, int32_t longForm) {
+int32_t tcp_send_and_recv(const SessionConfig* cfg, const uint8_t* request, uint32_t requestLength,
+                          uint8_t* response, uint32_t capacity, int32_t longForm) {
   if (cfg == nullptr || request == nullptr || response == nullptr) return TQ_EXCHANGE_FAILED;
   if (dumps_frames(*cfg)) print_hex("Send SR: ", request, requestLength);
   const ConnectionUse use(ConnectionUse::For::kExchange);

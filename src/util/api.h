@@ -1,4 +1,5 @@
-/* Marks of a public declaration: C linkage, visible in the shared library. Everything without TQ_API stays inside. */
+/* Marks of a public declaration: C linkage, visible in the shared library. Everything without TQ_API stays
+ * inside. */
 #ifndef TQREADER_UTIL_API_H
 #define TQREADER_UTIL_API_H
 

@@ -1,4 +1,5 @@
-// Walking borrowed bytes: ByteReader for what a peer sent, ByteWriter for what we send. Integers are big-endian.
+// Walking borrowed bytes: ByteReader for what a peer sent, ByteWriter for what we send. Integers are
+// big-endian.
 #pragma once
 
 #include <cstddef>

@@ -6,8 +6,8 @@
 
 TQ_BEGIN_C
 
-/* Wall-clock milliseconds: the UTC time read as local time, plus eight hours. On a device whose zone is UTC+8 this is
-   the Unix time. A negative value is a clock failure. */
+/* Wall-clock milliseconds: the UTC time read as local time, plus eight hours. On a device whose zone is UTC+8
+   this is the Unix time. A negative value is a clock failure. */
 TQ_API int64_t getNowTimestamp(void);
 
 TQ_END_C

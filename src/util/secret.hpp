@@ -58,7 +58,8 @@ class Secret {
 // Test it before use: it is empty when there was no memory.
 class ScratchBuffer {
  public:
-  explicit ScratchBuffer(size_t len) : data_(static_cast<uint8_t*>(tq_mem_malloc(len == 0 ? 1 : len))), len_(len) {
+  explicit ScratchBuffer(size_t len)
+      : data_(static_cast<uint8_t*>(tq_mem_malloc(len == 0 ? 1 : len))), len_(len) {
     if (data_ == nullptr) {
       len_ = 0;
     } else {

@@ -8,8 +8,8 @@
 
 namespace tq {
 
-// Starts when it is made. It has passed when either the library's clock or the monotonic clock says so: the wall clock
-// may be set back while somebody waits, and nothing may wait for ever because of it.
+// Starts when it is made. It has passed when either the library's clock or the monotonic clock says so: the
+// wall clock may be set back while somebody waits, and nothing may wait for ever because of it.
 class TimeLimit {
  public:
   explicit TimeLimit(int64_t limit_ms)

@@ -11,7 +11,7 @@ namespace {
 constexpr size_t kLongestFormat = 512;
 
 void write_to_stderr(LogType, LogLevel, unsigned int, const char*, const char* line) {
-  std::fprintf(stderr, "%s\n", line);
+  static_cast<void>(std::fprintf(stderr, "%s\n", line));
 }
 
 std::atomic<tq_host_log_sink> g_sink{&write_to_stderr};
@@ -32,7 +32,8 @@ void plain_format(std::string_view fmt, char (&out)[kLongestFormat]) {
 
 }  // namespace
 
-extern "C" int OH_LOG_Print(LogType type, LogLevel level, unsigned int domain, const char* tag, const char* fmt, ...) {
+extern "C" int OH_LOG_Print(LogType type, LogLevel level, unsigned int domain, const char* tag,
+                            const char* fmt, ...) {
   char format[kLongestFormat];
   plain_format(fmt, format);
   char* line = nullptr;

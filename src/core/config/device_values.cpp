@@ -17,7 +17,8 @@ extern "C" {
 int32_t tq_get_device_id(const SessionConfig* cfg, char* dst, uint32_t capacity) {
   if (cfg == nullptr || dst == nullptr) return TQ_FAILED;
   // A text that fills its field runs on into the next one, so its end is looked for in all three together.
-  static_assert(offsetof(SessionConfig, sn3) == offsetof(SessionConfig, sn1) + 2 * sizeof(SessionConfig::sn1));
+  static_assert(offsetof(SessionConfig, sn3) ==
+                offsetof(SessionConfig, sn1) + 2 * sizeof(SessionConfig::sn1));
   constexpr size_t kFields = 3 * sizeof(SessionConfig::sn1);
   const char* text = reinterpret_cast<const char*>(cfg) + offsetof(SessionConfig, sn1);
   const size_t len = ::strnlen(text, kFields);

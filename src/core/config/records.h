@@ -19,7 +19,8 @@ typedef struct info_data {
   uint8_t* data;  /* block of tq_mem_malloc owned by whoever receives the record; may be null */
 } info_data;
 
-/* The monitor record of one read. The texts are borrowed for the duration of the call that gets the record. */
+/* The monitor record of one read. The texts are borrowed for the duration of the call that gets the record.
+ */
 typedef struct monitor_param {
   const char* reqid;       /* business id given by the decode server */
   int32_t result_code;     /* final result of the read */

@@ -70,9 +70,10 @@ int32_t store_server(SessionConfig& cfg, const char* ip, int32_t port) {
 
 extern "C" {
 
-int32_t share_init(SessionConfig* cfg, const char* appid, int32_t readChunkSize, int32_t decodeMode, int32_t mode,
-                   int32_t frameFlag, int32_t logLevel, int32_t envIdCode, const char* sn1, const char* sn2,
-                   const char* sn3, const char* packageName, int32_t terId, const char* ip, int32_t port) {
+int32_t share_init(SessionConfig* cfg, const char* appid, int32_t readChunkSize, int32_t decodeMode,
+                   int32_t mode, int32_t frameFlag, int32_t logLevel, int32_t envIdCode, const char* sn1,
+                   const char* sn2, const char* sn3, const char* packageName, int32_t terId, const char* ip,
+                   int32_t port) {
   if (cfg == nullptr) return TQ_MISSING_CALL;
   cfg->initDone = 0;
   std::fill(std::begin(cfg->appid), std::end(cfg->appid), uint8_t{0});

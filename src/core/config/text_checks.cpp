@@ -57,7 +57,8 @@ int32_t appid_check(const char* text, uint8_t* out) {
   if (is_empty(text) || out == nullptr) return TQ_BAD_APPID;
   const TrimmedCopy trimmed(text);
   const std::span<const uint8_t> id = trimmed.bytes();
-  if (id.size() != TQ_APPID_LENGTH || !std::all_of(id.begin(), id.end(), is_letter_or_digit)) return TQ_BAD_APPID;
+  if (id.size() != TQ_APPID_LENGTH || !std::all_of(id.begin(), id.end(), is_letter_or_digit))
+    return TQ_BAD_APPID;
   std::copy(id.begin(), id.end(), out);
   return TQ_OK;
 }

@@ -1,5 +1,5 @@
-/* Validators of the application's texts: each trims spaces and tabs at both ends and copies what is left to `out`
-   without a terminator, so callers pass zeroed buffers. */
+/* Validators of the application's texts: each trims spaces and tabs at both ends and copies what is left to
+   `out` without a terminator, so callers pass zeroed buffers. */
 #ifndef TQREADER_CORE_CONFIG_TEXT_CHECKS_H
 #define TQREADER_CORE_CONFIG_TEXT_CHECKS_H
 

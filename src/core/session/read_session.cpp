@@ -17,7 +17,8 @@ namespace {
 
 constexpr size_t kMaxWaitingAnswers = 4;
 
-// Where the application's thread and the workers meet. Reads are numbered by tickets, in the order of their starts.
+// Where the application's thread and the workers meet. Reads are numbered by tickets, in the order of their
+// starts.
 struct Board {
   std::mutex mutex;
   std::condition_variable changed;

@@ -1,8 +1,10 @@
-// What both readers share: one read at a time on its own worker thread, the answers that the application hands over, and
-// the two ways a read is stopped from outside.
+// What both readers share: one read at a time on its own worker thread, the answers that the application
+// hands over, and the two ways a read is stopped from outside.
 //
-//  - Cancelling sets a flag that the worker looks at after each step; it does not wake a worker that waits for a card.
-//  - Superseding (a new read, or the end of the environment that started this one) wakes it at once. A superseded read
+//  - Cancelling sets a flag that the worker looks at after each step; it does not wake a worker that waits
+//  for a card.
+//  - Superseding (a new read, or the end of the environment that started this one) wakes it at once. A
+//  superseded read
 //    ends without any report and releases what it holds; only then does the new worker begin.
 #pragma once
 
@@ -35,8 +37,8 @@ class ReadSession {
  public:
   virtual SessionConfig& config() = 0;
 
-  // From now on answers belong to this read. Called before its first card command: an answer that comes earlier is one to
-  // a command of an older read.
+  // From now on answers belong to this read. Called before its first card command: an answer that comes
+  // earlier is one to a command of an older read.
   virtual void accept_answers() = 0;
 
   // Sleeps until the next answer has been handed over. Returns false when the read has been superseded.
@@ -54,15 +56,16 @@ class ReadSession {
 using ReadBody = void (*)(ReadSession& session);
 using Interrupt = void (*)();
 
-// Starts a worker that runs `body` with a copy of `cfg`. An unfinished read is superseded: `interrupt` is called to end
-// what it waits for on the network. Returns at once: TQ_OK, or TQ_NO_THREAD (then a running read goes on).
+// Starts a worker that runs `body` with a copy of `cfg`. An unfinished read is superseded: `interrupt` is
+// called to end what it waits for on the network. Returns at once: TQ_OK, or TQ_NO_THREAD (then a running
+// read goes on).
 int32_t start_read(ReadKind kind, const SessionConfig& cfg, ReadBody body, Interrupt interrupt);
 
 // Supersedes the unfinished read that was started with `owner`, without starting another.
 void abandon_read(const SessionConfig* owner, Interrupt interrupt);
 
-// Hands an answer to the running read of this kind, without ever blocking. Up to four wait while a step is being worked
-// on; more are dropped, and so are answers that belong to no running read.
+// Hands an answer to the running read of this kind, without ever blocking. Up to four wait while a step is
+// being worked on; more are dropped, and so are answers that belong to no running read.
 void deliver_answer(ReadKind kind, std::span<const uint8_t> data, uint8_t serial, int32_t status);
 
 // Sets the cancel flag of the unfinished read of this kind, if there is one.
