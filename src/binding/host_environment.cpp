@@ -59,7 +59,10 @@ bool HostEnvironment::open_channel(Channel channel, napi_value function,
     return false;
   }
   napi_unref_threadsafe_function(env_, fresh.queue);
-  if (channel == Channel::kResult && holds_process_) napi_ref_threadsafe_function(env_, fresh.queue);
+  if (channel == Channel::kResult) {
+    holds_process_ = read_in_progress(&config_);
+    if (holds_process_) napi_ref_threadsafe_function(env_, fresh.queue);
+  }
   {
     const std::lock_guard lock(registry().mutex);
     end = fresh;
@@ -134,7 +137,8 @@ void HostEnvironment::on_read_end(const SessionConfig* owner) {
 }
 
 napi_status HostEnvironment::post(Channel channel, void* data) {
-  return post_for(current_read_owner(), channel, data);
+  // A superseded read has nothing to say any more, and its environment may be gone.
+  return current_read_superseded() ? napi_closing : post_for(current_read_owner(), channel, data);
 }
 
 napi_status HostEnvironment::post_for(const SessionConfig* owner, Channel channel, void* data) {
