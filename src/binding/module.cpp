@@ -173,6 +173,9 @@ napi_module g_module = {1, 0, nullptr, init_module, "tqreader", nullptr, {nullpt
 }  // namespace
 }  // namespace tq
 
+// The phone registers modules this way; some versions of Node.js call it deprecated.
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+
 extern "C" __attribute__((constructor)) void RegisterTQReaderModule(void) {
   napi_module_register(&tq::g_module);
 }
