@@ -27,8 +27,9 @@ int32_t id_card_decode(SessionConfig* cfg, const uint8_t* stickCardId) {
 }
 
 void id_card_cancel(void) {
-  tq_socket_close();
+  // In this order: the worker that the close wakes has to find the flag.
   tq::cancel_read(tq::ReadKind::kIdentityCard);
+  tq_socket_close();
 }
 
 }  // extern "C"

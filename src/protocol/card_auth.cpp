@@ -1,7 +1,5 @@
 #include "protocol/card_auth.h"
 
-#include <algorithm>
-
 #include "protocol/secret_frame.h"
 #include "protocol/session_values.hpp"
 #include "util/byte_cursor.hpp"
@@ -16,7 +14,6 @@ constexpr size_t kShortAnswer = 8;
 constexpr size_t kLongAnswer = 18;
 constexpr size_t kSecretFraming = 32;
 constexpr size_t kLongestData = kRandomLength + 1 + TQ_DEVICE_ID_MAX + 4 + kManagementLength;
-constexpr uint32_t kLeastFrame = 12;
 
 // INTERNAL AUTHENTICATE and EXTERNAL AUTHENTICATE for the server's 8 bytes.
 constexpr uint8_t kInternalAuthenticate[] = {0x00, 0x88, 0x00, 0x52, 0x0A, 0xF0, 0x00};

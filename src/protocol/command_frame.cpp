@@ -4,6 +4,7 @@
 #include <span>
 
 #include "crypto/sm4_padding.h"
+#include "protocol/checksum.hpp"
 #include "protocol/commands.hpp"
 #include "util/byte_cursor.hpp"
 #include "util/secret.hpp"
@@ -13,14 +14,9 @@ namespace {
 
 constexpr uint8_t kOldHeader = 0x93;  // a header that no command uses any more
 constexpr uint8_t kOldVersion = 0x01;
-constexpr uint32_t kLeastResponseParameter = 8;
 constexpr uint8_t kFlagEncrypted = 1;
 constexpr size_t kFixedRequestBytes = 9;  // header, command, 00, version, parameter, type, checksum
 constexpr size_t kStatusBytes = 3;
-
-uint8_t checksum(std::span<const uint8_t> bytes) {
-  return static_cast<uint8_t>(check_sum_group(bytes.data(), static_cast<uint32_t>(bytes.size())));
-}
 
 bool is_authentication(uint32_t command) {
   return command == kAuthenticateOld || command == kAuthenticate;
@@ -41,7 +37,7 @@ int32_t status_code(std::span<const uint8_t> status) {
 
 struct Response {
   std::span<const uint8_t> payload;
-  uint32_t parameter = 0;
+  uint32_t* parameter;  // stored as soon as it has been read; may be null
 };
 
 struct Expected {
@@ -65,9 +61,12 @@ int32_t parse_response(std::span<const uint8_t> frame, const Expected& expected,
   }
   if (status[0] != 0 || status[1] != 0 || status[2] != 0) return status_code(status);
   uint8_t type = 0;
-  if (!r.number(2, out.parameter) || out.parameter < kLeastResponseParameter) return TQ_FAILED;
+  uint32_t parameter = 0;
+  if (!r.number(2, parameter)) return TQ_FAILED;
+  if (out.parameter != nullptr) *out.parameter = parameter;
+  if (parameter < kLeastResponseParameter) return TQ_FAILED;
   if (!r.u8(type) || type != expected.type) return TQ_FAILED;
-  if (r.size() < 1 || checksum(frame.subspan(1, frame.size() - 2)) != frame.back()) return TQ_FAILED;
+  if (r.size() < 1 || low_byte_sum(frame.subspan(1, frame.size() - 2)) != frame.back()) return TQ_FAILED;
   return r.take(r.size() - 1, out.payload) ? TQ_OK : TQ_FAILED;
 }
 
@@ -124,7 +123,7 @@ int32_t input_command_group(const uint8_t* payload, uint32_t payloadLength, uint
   w.u8(header == kOldHeader ? kOldVersion : kRequestVersion);
   w.number(frameParameter, 2);
   w.u8(typeByte);
-  frame.back() = checksum(frame.subspan(1, total - 2));
+  frame.back() = low_byte_sum(frame.subspan(1, total - 2));
   return static_cast<int32_t>(total);
 }
 
@@ -133,9 +132,8 @@ int32_t output_command_anlysis(const uint8_t* frame, uint32_t frameLength, uint8
                                uint8_t* out, uint32_t capacity) {
   if (frame == nullptr || out == nullptr) return TQ_FAILED;
   const tq::Expected expected{header, command, typeByte};
-  tq::Response response;
+  tq::Response response{{}, responseParameter};
   const int32_t rc = tq::parse_response({frame, frameLength}, expected, response);
-  if (responseParameter != nullptr) *responseParameter = response.parameter;
   if (rc < 0) return rc;
   return tq::deliver(response, expected, workKey, {out, capacity});
 }

@@ -34,6 +34,13 @@ constexpr uint8_t kTypeMonitor = 0x19;
 constexpr uint8_t kRequestVersion = 0x09;
 constexpr uint16_t kFrameParameter = 0x0007;
 
+// Shortest response frame, without a payload, in the short form.
+constexpr uint32_t kLeastFrame = 12;
+constexpr uint32_t kLeastResponseParameter = 8;
+
+// Most bytes that encryption adds.
+constexpr size_t kBlockPadding = 16;
+
 // SM4 key and CBC vector, 16 bytes each.
 constexpr size_t kKeyLength = 16;
 constexpr size_t kWorkKeyLength = 32;

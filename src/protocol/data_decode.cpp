@@ -17,8 +17,6 @@ constexpr size_t kReservedLength = 64;
 constexpr size_t kFileMarks = 4;  // the two file identifiers
 constexpr size_t kSecretFraming = 10;
 constexpr size_t kTimingLength = 4;
-constexpr size_t kBlockPadding = 16;
-constexpr uint32_t kLeastFrame = 12;
 
 struct CardFiles {
   std::span<const uint8_t> management;

@@ -15,8 +15,8 @@ enum {
   TQ_FILE_6013_LENGTH = 1024
 };
 
-/* Room of one decode exchange: request and response share one buffer. The larger one is for 0x6113 when the
-   server answers it with more than the identity. */
+/* Room of one decode exchange: request and response share one buffer. The larger one is for 0x6113 when
+   readMode and decodeMode are both 0. */
 enum { TQ_DECODE_BUFFER = 1128, TQ_DECODE_BUFFER_LARGE = 7168 };
 
 /* Timings of a read, milliseconds on the application's clock. */

@@ -16,7 +16,6 @@ namespace {
 constexpr size_t kReportBuffer = 2048;
 constexpr uint32_t kLongestText = 2000;
 constexpr size_t kPrefixLength = 16;
-constexpr size_t kBlockPadding = 16;
 constexpr size_t kBlockFraming = 3;  // length and checksum
 constexpr size_t kFrameBytes = 27;   // beside the encrypted block
 

@@ -77,6 +77,7 @@ bool write_back_card_id(ByteWriter& w, std::span<const uint8_t> id) {
   return true;
 }
 
+// An empty info text would leave the member without a value, so it counts as absent, and so does an empty id.
 bool write_members(ByteWriter& w, const DecodedData& decoded) {
   if (!decoded.info.empty()) {
     w.bytes(as_bytes(",\"info\":"));

@@ -1,7 +1,7 @@
 #include "protocol/secret_frame.h"
 
 #include "crypto/sm4_padding.h"
-#include "protocol/command_frame.h"
+#include "protocol/checksum.hpp"
 #include "protocol/commands.hpp"
 #include "protocol/secret_frame.hpp"
 
@@ -14,10 +14,6 @@ constexpr uint8_t kEndByte = 0xFE;
 constexpr size_t kEndLength = 2;
 constexpr size_t kFixedBytes = kStartLength + 2 + 1 + kEndLength;  // beside data and length field
 constexpr size_t kRoomBeyondData = 28;  // framing of the long form and a block of padding
-
-uint8_t checksum(std::span<const uint8_t> bytes) {
-  return static_cast<uint8_t>(check_sum_group(bytes.data(), static_cast<uint32_t>(bytes.size())));
-}
 
 bool is_start(std::span<const uint8_t> bytes) {
   return bytes[0] == kStartByte && bytes[1] == kStartByte && bytes[2] == kStartByte;
@@ -33,7 +29,7 @@ void write_secret_frame(ByteWriter& w, uint32_t command, std::span<const uint8_t
   w.number(command, 2);
   w.bytes(data);
   if (!w.ok()) return;
-  w.u8(checksum(w.written().subspan(before + kStartLength)));
+  w.u8(low_byte_sum(w.written().subspan(before + kStartLength)));
   w.fill(kEndByte, kEndLength);
 }
 
@@ -71,7 +67,7 @@ int32_t output_secret_command_analysis(const uint8_t* frame, uint32_t frameLengt
   if (r.size() <= 1 + kEndLength || !r.take(r.size() - 1 - kEndLength, data)) return TQ_FAILED;
   const std::span<const uint8_t> tail = r.rest();
   const bool intact =
-      checksum(all.subspan(kStartLength, frameLength - kStartLength - tail.size())) == tail[0] &&
+      low_byte_sum(all.subspan(kStartLength, frameLength - kStartLength - tail.size())) == tail[0] &&
       tail[1] == kEndByte && tail[2] == kEndByte;
   if (!copy_bytes(data, {out, capacity})) return TQ_FAILED;
   return intact ? static_cast<int32_t>(data.size()) : TQ_FAILED;

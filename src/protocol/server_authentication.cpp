@@ -12,7 +12,6 @@
 namespace tq {
 namespace {
 
-constexpr size_t kBlockPadding = 16;
 constexpr size_t kLongestBlock = 24 + 32 + 36 + TQ_DEVICE_ID_MAX;
 constexpr uint8_t kFullFormMark = 0x10;
 constexpr uint8_t kDeviceMark = 0x0F;
@@ -20,7 +19,6 @@ constexpr uint8_t kEndMark = 0x02;
 constexpr size_t kReservedLength = 16;
 constexpr size_t kEnvelopeLength = 19;  // 00, its length, key, checksum
 constexpr uint32_t kParameterBeyondBlock = 28;
-constexpr uint32_t kLeastParameter = 8;
 constexpr size_t kLeastAnswerBlock = 19;
 
 std::span<const uint8_t> appid_of(const SessionConfig& cfg) {
@@ -139,7 +137,7 @@ int32_t take_compact_answer(std::span<const uint8_t> block) {
 
 // Builds the request and exchanges it in one buffer. Returns the answer's length or the read's result code.
 int32_t exchange_7500(SessionConfig& cfg, ScratchBuffer& buffer, uint8_t* work_key,
-                      const uint8_t* stick_card_id, uint32_t& delay) {
+                      const uint8_t* stick_card_id, uint32_t* delay) {
   const auto capacity = static_cast<uint32_t>(buffer.size());
   ScratchBuffer scratch(TQ_AUTHENTICATION_BUFFER);
   if (!buffer || !scratch) return TQ_REQUEST_NOT_BUILT;
@@ -150,11 +148,12 @@ int32_t exchange_7500(SessionConfig& cfg, ScratchBuffer& buffer, uint8_t* work_k
   const int32_t num_received = tcp_send_and_recv(&cfg, buffer.data(), static_cast<uint32_t>(len),
                                                  buffer.data(), capacity, TQ_SHORT_FRAME);
   if (num_received < 0) return TQ_EXCHANGE_FAILED;
-  delay = static_cast<uint32_t>(elapsed(host_time(cfg), before));
+  const auto duration = static_cast<uint32_t>(elapsed(host_time(cfg), before));
+  if (delay != nullptr) *delay = duration;
   return num_received;
 }
 
-int32_t authenticate_connected(SessionConfig& cfg, uint8_t* work_key, uint32_t& delay,
+int32_t authenticate_connected(SessionConfig& cfg, uint8_t* work_key, uint32_t* delay,
                                uint8_t* stick_card_id) {
   ScratchBuffer buffer(TQ_AUTHENTICATION_BUFFER);
   const int32_t len = exchange_7500(cfg, buffer, work_key, stick_card_id, delay);
@@ -174,9 +173,7 @@ int32_t server_authentication(SessionConfig* cfg, uint8_t* workKey, uint32_t* de
   static_cast<void>(unused);
   if (cfg == nullptr || workKey == nullptr || stickCardId == nullptr) return TQ_REQUEST_NOT_BUILT;
   if (tq_socket_connect(cfg) < 0) return TQ_CONNECT_FAILED;
-  uint32_t measured = 0;
-  const int32_t rc = tq::authenticate_connected(*cfg, workKey, measured, stickCardId);
-  if (delay != nullptr) *delay = measured;
+  const int32_t rc = tq::authenticate_connected(*cfg, workKey, delay, stickCardId);
   if (rc < 0) {
     tq_socket_close();
     return rc;
@@ -214,7 +211,7 @@ int32_t output_7100_and_7500_analysis(SessionConfig* cfg, const uint8_t* frame, 
   const int32_t len = output_command_anlysis(frame, frameLength, header, command, &parameter, kTypePlain,
                                              workKey, payload.data(), frameLength);
   if (len < 0) return len;
-  const uint32_t opaque = parameter - kLeastParameter;  // a field that only the server understands
+  const uint32_t opaque = parameter - kLeastResponseParameter;  // a field that only the server understands
   if (opaque >= static_cast<uint32_t>(len)) return TQ_FAILED;
   const int32_t block_len =
       TQ_sm4Decrypt(payload.data() + opaque, len - static_cast<int32_t>(opaque), workKey, 0, block.data());

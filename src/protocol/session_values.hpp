@@ -8,7 +8,7 @@
 
 #include "core/config/device_values.h"
 #include "core/config/session_config.h"
-#include "protocol/command_frame.h"
+#include "protocol/checksum.hpp"
 #include "protocol/commands.hpp"
 #include "util/memory.h"
 
@@ -24,10 +24,6 @@ inline uint8_t route_header(const SessionConfig& cfg) {
     default:
       return kHeaderIdentityCard;
   }
-}
-
-inline uint8_t low_byte_sum(std::span<const uint8_t> bytes) {
-  return static_cast<uint8_t>(check_sum_group(bytes.data(), static_cast<uint32_t>(bytes.size())));
 }
 
 // The application's time in milliseconds, 0 when it gave none.

@@ -135,7 +135,7 @@ bool open_wake_pipe(Connection& c) {
   const std::lock_guard lock(c.mutex);
   c.wake_read = ends[0];
   c.wake_write = ends[1];
-  c.socketAbort = tq::current_read_superseded();  // superseded while nothing here could be aborted yet
+  c.socketAbort = tq::current_read_stopped();  // it may have been while nothing here could be aborted yet
   return true;
 }
 
@@ -244,7 +244,8 @@ int32_t tq_socket_connect(const SessionConfig* cfg) {
 
   const std::lock_guard lock(c.mutex);
   if (!connected || c.socketAbort) {
-    c.socketAbort = true;  // the socket stays until the next connect
+    c.socketAbort = true;
+    if (connected) close_and_forget(c.socketFd);  // one that is not connected stays until the next connect
     close_and_forget(c.wake_read);
     close_and_forget(c.wake_write);
     return TQ_FAILED;

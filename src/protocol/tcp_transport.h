@@ -26,12 +26,12 @@ TQ_API void tq_socket_close(void);
 TQ_API int32_t tcp_send_and_recv(const SessionConfig* cfg, const uint8_t* request, uint32_t requestLength,
                                  uint8_t* response, uint32_t capacity, int32_t longForm);
 
-/* Receives one response frame. `context` is not used. Returns its bytes, 0 when already aborted, or
- * TQ_FAILED. */
+/* Receives one response frame. `context` is not used. Returns its bytes, 0 when already aborted, what
+ * the last receive gave when aborted meanwhile, or TQ_FAILED. */
 TQ_API int32_t tq_socket_recv(void* context, uint8_t* buffer, uint32_t capacity, int32_t longForm);
 
-/* Sends all bytes within 5000 ms. `context` is not used. Returns their number, 0 when already aborted, or
- * TQ_FAILED. */
+/* Sends all bytes within 5000 ms. `context` is not used. Returns their number, 0 when already aborted,
+ * what the last send gave when aborted meanwhile, or TQ_FAILED. */
 TQ_API int32_t tq_socket_send(void* context, const uint8_t* bytes, uint32_t length);
 
 TQ_END_C

@@ -214,6 +214,10 @@ bool current_read_superseded() {
   return t_worker != nullptr && t_worker->superseded();
 }
 
+bool current_read_stopped() {
+  return t_worker != nullptr && t_worker->cancelled();
+}
+
 void set_read_end_hook(ReadEndHook hook) {
   g_end_hook.store(hook);
 }

@@ -80,6 +80,9 @@ const SessionConfig* current_read_owner();
 // On a worker thread: true once its read has been superseded. False elsewhere.
 bool current_read_superseded();
 
+// On a worker thread: true once its read has been superseded or cancelled. False elsewhere.
+bool current_read_stopped();
+
 // `hook` is called on the worker thread after a read has ended and released everything, with its owner.
 using ReadEndHook = void (*)(const SessionConfig* owner);
 void set_read_end_hook(ReadEndHook hook);
