@@ -36,8 +36,7 @@ double median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
-// --- the bare client
-// ---------------------------------------------------------------------------------------------------
+// --- the bare client ---
 
 void receive_frame(int fd) {
   Recording::Bytes bytes;
@@ -67,8 +66,7 @@ double bare_read_us(const Recording& recording, uint16_t port) {
   return micros_since(start);
 }
 
-// --- reads through the core
-// --------------------------------------------------------------------------------------------
+// --- reads through the core ---
 
 struct Host {
   Recording recording;
@@ -104,6 +102,7 @@ int64_t on_time() {
 }
 
 void on_result(info_data* info) {
+  tq_mem_free(info->data);
   const std::lock_guard lock(g_host.mutex);
   g_host.code = info->code;
   g_host.done = true;
@@ -140,8 +139,7 @@ double core_read_us() {
   return micros_since(start);
 }
 
-// --- counting memory
-// ---------------------------------------------------------------------------------------------------
+// --- counting memory ---
 
 std::atomic<size_t> g_live{0};
 std::atomic<size_t> g_peak{0};

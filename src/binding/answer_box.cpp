@@ -98,6 +98,14 @@ int32_t await_text(Question question, std::span<char> out) {
   return static_cast<int32_t>(b.text_len);
 }
 
+void drop_question(Question question) {
+  Box& b = box();
+  const std::lock_guard lock(b.mutex);
+  if (b.current != question) return;
+  ++b.current;
+  b.answered.notify_all();
+}
+
 void abandon_answers(const SessionConfig* owner) {
   Box& b = box();
   const std::lock_guard lock(b.mutex);

@@ -35,6 +35,9 @@ void answer_text(Question question, std::string_view text);
 // length, or -1 when it does not fit `out` or the room of the bridge.
 int32_t await_text(Question question, std::span<char> out);
 
+// Ends the waiting for the answer to this question.
+void drop_question(Question question);
+
 // Ends the waiting of the read that was started with `owner`.
 void abandon_answers(const SessionConfig* owner);
 

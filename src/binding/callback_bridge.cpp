@@ -11,6 +11,7 @@
 #include "binding/host_environment.hpp"
 #include "binding/log.hpp"
 #include "core/result_code.h"
+#include "core/session/read_session.hpp"
 #include "util/hex.h"
 #include "util/memory.h"
 #include "util/secret.hpp"
@@ -37,7 +38,7 @@ class Message {
   // Null when there is no memory.
   static Message* create(size_t capacity, Question question = 0) {
     void* room = tq_mem_malloc(sizeof(Message) + capacity);
-    return room == nullptr ? nullptr : new (room) Message(capacity, question);
+    return room == nullptr ? nullptr : new (room) Message(capacity, question, current_read_number());
   }
   static void destroy(Message* message) {
     if (message == nullptr) return;
@@ -49,14 +50,18 @@ class Message {
   char* text() { return reinterpret_cast<char*>(this + 1); }
   size_t capacity() const { return capacity_; }
   Question question() const { return question_; }
+  // False when the read that sent this has been superseded meanwhile.
+  bool is_current() const { return is_newest_read(read_); }
 
  private:
-  Message(size_t capacity, Question question) : capacity_(capacity), question_(question) {
+  Message(size_t capacity, Question question, uint64_t read)
+      : capacity_(capacity), question_(question), read_(read) {
     std::memset(text(), 0, capacity);
   }
 
   size_t capacity_;
   Question question_;
+  uint64_t read_;
 };
 
 // Destroys a message at the end of the scope.
@@ -128,13 +133,14 @@ void free_data(info_data& info, size_t length) {
   info.data = nullptr;
 }
 
+Message* format_bare_failure(int32_t code, int32_t flag) {
+  Message* message = Message::create(kFailureRoom);
+  if (message != nullptr) format_text(*message, "{\"code\":%d,\"flag\":%d,\"data\":\"\"}", code, flag);
+  return message;
+}
+
 Message* format_failure(info_data& info) {
-  if (info.flag != TQ_RESULT_TEXT) {
-    Message* message = Message::create(kFailureRoom);
-    if (message != nullptr)
-      format_text(*message, "{\"code\":%d,\"flag\":%d,\"data\":\"\"}", info.code, info.flag);
-    return message;
-  }
+  if (info.flag != TQ_RESULT_TEXT) return format_bare_failure(info.code, info.flag);
   const char* text = info.data == nullptr ? "" : reinterpret_cast<const char*>(info.data);
   const size_t length = std::strlen(text);
   Message* message = Message::create(length + kResultFraming);
@@ -188,7 +194,7 @@ void pass_text_answer(napi_env env, napi_value answer, Question question) {
 void call_card_function(napi_env env, napi_value function, void* context, void* data) {
   static_cast<void>(context);
   const MessageGuard message(data);
-  if (env == nullptr || !message) return;
+  if (env == nullptr || !message || !message->is_current()) return;
   const HandleScope scope(env);
   TQ_LOG("调用读卡安全函数1: %{public}s", "s");
   napi_value result = nullptr;
@@ -200,6 +206,10 @@ void call_monitor_function(napi_env env, napi_value function, void* context, voi
   static_cast<void>(context);
   const MessageGuard message(data);
   if (env == nullptr || !message) return;
+  if (!message->is_current()) {
+    drop_question(message->question());
+    return;
+  }
   const HandleScope scope(env);
   napi_value answer = nullptr;
   if (call_with_text(env, function, message->text(), &answer) != napi_ok) return;
@@ -291,6 +301,7 @@ void shareResultCallback(info_data* info) {
   Message* message = info->code < 0                 ? format_failure(*info)
                      : info->flag == TQ_RESULT_JSON ? format_json_result(*info)
                                                     : format_binary_result(*info);
+  if (message == nullptr) message = format_bare_failure(TQ_FAILED, 0);  // no memory for the result itself
   post(Channel::kResult, message);
 }
 

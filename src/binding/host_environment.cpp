@@ -137,13 +137,14 @@ void HostEnvironment::on_read_end(const SessionConfig* owner) {
 }
 
 napi_status HostEnvironment::post(Channel channel, void* data) {
-  // A superseded read has nothing to say any more, and its environment may be gone.
-  return current_read_superseded() ? napi_closing : post_for(current_read_owner(), channel, data);
+  return post_for(current_read_owner(), channel, data);
 }
 
 napi_status HostEnvironment::post_for(const SessionConfig* owner, Channel channel, void* data) {
   Registry& r = registry();
   const std::lock_guard lock(r.mutex);
+  // A superseded read has nothing to say any more, and its environment may be gone.
+  if (data != nullptr && current_read_superseded()) return napi_closing;
   for (HostEnvironment* host = r.first; host != nullptr; host = host->next_) {
     if (&host->config_ != owner) continue;
     napi_threadsafe_function queue = host->ends_[static_cast<size_t>(channel)].queue;

@@ -10,6 +10,7 @@
 #include "binding/callback_bridge.hpp"
 #include "binding/host_environment.hpp"
 #include "binding/log.hpp"
+#include "binding/module.hpp"
 #include "idcard/card_relay.h"
 #include "idcard/id_card_session.h"
 #include "util/hex.h"
@@ -110,18 +111,22 @@ using AnswerHandler = void (*)(SessionConfig* cfg, const uint8_t* data, uint32_t
                                int32_t status);
 
 void hand_over_answer(const Arguments<3>& args, AnswerHandler handler) {
+  const int32_t serial = args.integer(1);
+  const auto serial_byte = static_cast<uint8_t>(static_cast<uint32_t>(serial) & 0xFF);
+  const int32_t status = args.integer(2);
+  SessionConfig* cfg = &args.host().config();
   ScratchBuffer text(kAnswerTextSize);
   ScratchBuffer bytes(kAnswerTextSize);
-  if (!text || !bytes) return;
+  if (!text || !bytes) {
+    handler(cfg, nullptr, 0, serial_byte, status);
+    return;
+  }
   auto* hex = reinterpret_cast<char*>(text.data());
   args.text(0, hex, text.size());
-  const int32_t serial = args.integer(1);
-  const int32_t status = args.integer(2);
   const uint32_t length = hex[0] == '\0' ? 0 : hexStringToBytes(hex, bytes.data());
   TQ_LOG("nfc读卡返回数据结果: status:%{public}d, serial_num:%{public}d, data:%{public}s", status, serial,
          hex);
-  handler(&args.host().config(), bytes.data(), length,
-          static_cast<uint8_t>(static_cast<uint32_t>(serial) & 0xFF), status);
+  handler(cfg, bytes.data(), length, serial_byte, status);
 }
 
 napi_value take_id_card_answer(napi_env env, napi_callback_info info) {
@@ -155,7 +160,8 @@ constexpr napi_property_descriptor kExports[] = {
     exported("cancelCard", cancel_card),
 };
 
-// Fills `exports`; the functions find the state of their environment in their data pointer.
+}  // namespace
+
 napi_value init_module(napi_env env, napi_value exports) {
   HostEnvironment* host = HostEnvironment::create(env);
   if (host == nullptr) return exports;
@@ -168,14 +174,17 @@ napi_value init_module(napi_env env, napi_value exports) {
   return exports;
 }
 
+namespace {
+
 napi_module g_module = {1, 0, nullptr, init_module, "tqreader", nullptr, {nullptr}};
 
 }  // namespace
 }  // namespace tq
 
 // The phone registers modules this way; some versions of Node.js call it deprecated.
+#pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-
 extern "C" __attribute__((constructor)) void RegisterTQReaderModule(void) {
   napi_module_register(&tq::g_module);
 }
+#pragma GCC diagnostic pop

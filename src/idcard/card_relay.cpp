@@ -112,9 +112,8 @@ int32_t tq_read_card_anlysis(SessionConfig* cfg, const uint8_t* answer, uint32_t
 
 void id_card_handler(SessionConfig* cfg, const uint8_t* data, uint32_t length, uint8_t serial,
                      int32_t status) {
-  static_cast<void>(cfg);  // the read works on its own copy
   const Bytes answer = data == nullptr ? Bytes{} : Bytes{data, length};
-  tq::deliver_answer(tq::ReadKind::kIdentityCard, answer, serial, status);
+  tq::deliver_answer(tq::ReadKind::kIdentityCard, cfg, answer, serial, status);
 }
 
 int32_t id_card_find_card(SessionConfig* cfg, uint32_t step) {

@@ -61,6 +61,8 @@ IdCardRead::IdCardRead(ReadSession& session) : session_(session), cfg_(session.c
 
 IdCardRead::~IdCardRead() {
   release_business_id(cfg_);
+  if (result_.data != nullptr) wipe(result_.data, static_cast<size_t>(result_.length));
+  tq_mem_free(result_.data);
   wipe(&answer_, sizeof answer_);
   wipe(&card_, sizeof card_);
   wipe(challenge_prefix_);
@@ -71,6 +73,7 @@ void IdCardRead::run() {
   cfg_.readBuffer = nullptr;
   std::fill(std::begin(cfg_.lastCommand), std::end(cfg_.lastCommand), uint8_t{0});
   cfg_.lastCommandLength = 0;
+  if (session_.cancelled()) return;
   const int32_t rc = server_authentication(&cfg_, work_key_.data(), &delay_, 0, cfg_.stickCardId);
   if (rc < 0) {
     deliver_result(rc);
@@ -116,14 +119,12 @@ void IdCardRead::report(int32_t final_result) {
 
 void IdCardRead::deliver_result(int32_t code) {
   result_.code = code;
-  if (!session_.superseded()) cfg_.resultCallback(&result_);
-  if (result_.data != nullptr && result_.length > 0) wipe(result_.data, static_cast<size_t>(result_.length));
-  tq_mem_free(result_.data);
-  result_ = {};
+  if (session_.superseded()) return;
+  cfg_.resultCallback(&result_);
+  result_ = {};  // the data are the receiver's now
 }
 
-// --- the steps
-// -------------------------------------------------------------------------------------------------------
+// --- the steps ---
 
 Outcome IdCardRead::on_reqb() {
   id_card_find_card(&cfg_, kAttrib);
@@ -247,8 +248,7 @@ Outcome IdCardRead::on_file_6013_data() {
       id_card_read_file(&cfg_, card_.file6013.count, TQ_FILE_6013_LENGTH, kRead6013));
 }
 
-// --- what the steps are made of
-// --------------------------------------------------------------------------------------
+// --- what the steps are made of ---
 
 int32_t IdCardRead::check_answer(std::span<uint8_t> out) {
   return tq_read_card_anlysis(&cfg_, answer_.data.data(), answer_.length, out.data(),
@@ -338,8 +338,7 @@ int32_t IdCardRead::ask_for_decoding(uint32_t command, ScratchBuffer& buffer) {
                            TQ_SHORT_FRAME);
 }
 
-// --- timing, when the server wants it
-// --------------------------------------------------------------------------------
+// --- timing, when the server wants it ---
 
 int64_t IdCardRead::now() const {
   return host_time(cfg_);

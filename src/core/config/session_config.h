@@ -35,7 +35,7 @@ typedef int32_t (*tq_card_callback)(const uint8_t* apdu, uint32_t length, uint8_
 typedef int32_t (*tq_monitor_callback)(const monitor_param* param, char* out, uint32_t outSize);
 /* The application's current time in milliseconds, 0 when it did not answer. */
 typedef int64_t (*tq_timestamp_callback)(void);
-/* Delivers the result; takes over `info->data` where it says so. */
+/* Delivers the result. `info->data` belongs to the receiver, who gives it back with tq_mem_free. */
 typedef void (*tq_result_callback)(info_data* info);
 
 typedef struct SessionConfig {

@@ -58,6 +58,7 @@ class Worker final : public ReadSession {
 
   SessionConfig& config() override { return cfg_; }
   const SessionConfig* owner() const { return owner_; }
+  uint64_t ticket() const { return ticket_; }
   bool superseded() const override { return board().newest.load() != ticket_; }
   bool cancelled() const override { return superseded() || board().cancelled.load(); }
   void accept_answers() override;
@@ -178,10 +179,11 @@ void abandon_read(const SessionConfig* owner, Interrupt interrupt) {
   b.changed.notify_all();
 }
 
-void deliver_answer(ReadKind kind, std::span<const uint8_t> data, uint8_t serial, int32_t status) {
+void deliver_answer(ReadKind kind, const SessionConfig* owner, std::span<const uint8_t> data, uint8_t serial,
+                    int32_t status) {
   Board& b = board();
   const std::lock_guard lock(b.mutex);
-  const bool belongs = b.accepts_answers && b.kind == kind;
+  const bool belongs = b.accepts_answers && b.kind == kind && (owner == nullptr || owner == b.owner);
   if (!belongs || b.num_answers == kMaxWaitingAnswers) return;
   CardAnswer& answer = b.answers[b.num_answers++];
   answer.serial = serial;
@@ -203,11 +205,19 @@ void cancel_read(ReadKind kind) {
 bool read_in_progress(const SessionConfig* owner) {
   Board& b = board();
   const std::lock_guard lock(b.mutex);
-  return b.unfinished && b.owner == owner && !b.cancelled.load();
+  return b.unfinished && b.owner == owner && !(b.cancelled.load() && b.accepts_answers);
 }
 
 const SessionConfig* current_read_owner() {
   return t_worker == nullptr ? nullptr : t_worker->owner();
+}
+
+uint64_t current_read_number() {
+  return t_worker == nullptr ? 0 : t_worker->ticket();
+}
+
+bool is_newest_read(uint64_t number) {
+  return board().newest.load() == number;
 }
 
 bool current_read_superseded() {

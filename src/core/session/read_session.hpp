@@ -1,11 +1,9 @@
 // What both readers share: one read at a time on its own worker thread, the answers that the application
 // hands over, and the two ways a read is stopped from outside.
 //
-//  - Cancelling sets a flag that the worker looks at after each step; it does not wake a worker that waits
-//  for a card.
-//  - Superseding (a new read, or the end of the environment that started this one) wakes it at once. A
-//  superseded read
-//    ends without any report and releases what it holds; only then does the new worker begin.
+// Cancelling sets a flag that the worker looks at after each step; it does not wake a worker that waits for a
+// card. Superseding (a new read, or the end of the environment that started this one) wakes it at once. A
+// superseded read ends without any report and releases what it holds; only then does the new worker begin.
 #pragma once
 
 #include <array>
@@ -64,18 +62,26 @@ int32_t start_read(ReadKind kind, const SessionConfig& cfg, ReadBody body, Inter
 // Supersedes the unfinished read that was started with `owner`, without starting another.
 void abandon_read(const SessionConfig* owner, Interrupt interrupt);
 
-// Hands an answer to the running read of this kind, without ever blocking. Up to four wait while a step is
-// being worked on; more are dropped, and so are answers that belong to no running read.
-void deliver_answer(ReadKind kind, std::span<const uint8_t> data, uint8_t serial, int32_t status);
+// Hands an answer to the running read of this kind and owner (null: any), without ever blocking. Up to four
+// wait while a step is being worked on; more are dropped, and so are answers that belong to no running read.
+void deliver_answer(ReadKind kind, const SessionConfig* owner, std::span<const uint8_t> data, uint8_t serial,
+                    int32_t status);
 
 // Sets the cancel flag of the unfinished read of this kind, if there is one.
 void cancel_read(ReadKind kind);
 
-// True while a read started with `owner` is neither finished, superseded nor cancelled.
+// True while the read started with `owner` may still have something to report: it is neither finished nor
+// superseded, and no cancelled one that has got beyond its authentication.
 bool read_in_progress(const SessionConfig* owner);
 
 // On a worker thread: the record that its read was started with, as an identity only. Null elsewhere.
 const SessionConfig* current_read_owner();
+
+// On a worker thread: the number of its read. 0 elsewhere.
+uint64_t current_read_number();
+
+// False once the read of this number has been superseded.
+bool is_newest_read(uint64_t number);
 
 // On a worker thread: true once its read has been superseded. False elsewhere.
 bool current_read_superseded();
