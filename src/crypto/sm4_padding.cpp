@@ -11,6 +11,7 @@
 namespace {
 
 constexpr int32_t kBlockLen = 16;
+constexpr size_t kDigestLen = 32;  // of SM3
 constexpr int32_t kEncrypt = 1;
 constexpr int32_t kDecrypt = 0;
 constexpr int32_t kModeCbc = 0;
@@ -20,8 +21,8 @@ enum class Cipher { kCbc, kEcb, kNone };
 using Key = std::span<const uint8_t, kBlockLen>;
 
 // The vector is copied: under one key every message starts from the same one.
-void crypt(const TQ_SM4_CTX& ctx, int32_t direction, Cipher cipher, Key iv, const uint8_t* data,
-           int32_t length, uint8_t* out) {
+void run_cipher(const TQ_SM4_CTX& ctx, int32_t direction, Cipher cipher, Key iv, const uint8_t* data,
+                int32_t length, uint8_t* out) {
   if (cipher == Cipher::kCbc) {
     tq::Secret<kBlockLen> chain;
     std::copy(iv.begin(), iv.end(), chain.data());
@@ -38,7 +39,7 @@ int32_t encrypt_padded(uint8_t* data, int32_t length, Key key, Key iv, Cipher ci
   TQ_SM4_CTX ctx;
   const tq::WipeOnExit wipe_ctx(ctx);
   TQ_sm4_setkey_enc(&ctx, key.data());
-  crypt(ctx, kEncrypt, cipher, iv, data, length + padding, out);
+  run_cipher(ctx, kEncrypt, cipher, iv, data, length + padding, out);
   return length + padding;
 }
 
@@ -47,7 +48,7 @@ int32_t decrypt_padded(const uint8_t* data, int32_t length, Key key, Key iv, Cip
   TQ_SM4_CTX ctx;
   const tq::WipeOnExit wipe_ctx(ctx);
   TQ_sm4_setkey_dec(&ctx, key.data());
-  crypt(ctx, kDecrypt, cipher, iv, data, length, out);
+  run_cipher(ctx, kDecrypt, cipher, iv, data, length, out);
   const int32_t padding = out[length - 1];
   if (padding > length) return -1;
   std::fill_n(out + (length - padding), padding, uint8_t{0});
@@ -67,7 +68,7 @@ Cipher location_server_cipher(int32_t mode) {
 extern "C" {
 
 void TQ_sm4InitIv(const uint8_t key[16], uint8_t iv[16]) {
-  tq::Secret<2 * kBlockLen> digest;
+  tq::Secret<kDigestLen> digest;
   TQ_sm3(key, kBlockLen, digest.data());
   for (size_t i = 0; i < kBlockLen; ++i) iv[i] = digest.data()[i] ^ digest.data()[i + kBlockLen];
 }

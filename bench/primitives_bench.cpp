@@ -1,0 +1,231 @@
+// The ciphers and hashes of the library beside OpenSSL's: throughput for messages of three sizes, and the
+// ratio.
+//
+// Ciphers: on both sides the key is set once and each message starts from a vector (EVP_CipherInit_ex with a
+// null key). Hashes: each message is hashed from the start (EVP_DigestInit_ex on one context). HMAC: one call
+// from key to MAC on both sides. Runs are repeated in random order; the table has the medians.
+#include <benchmark/benchmark.h>
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
+#include <openssl/provider.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "crypto/des.h"
+#include "crypto/sha1.h"
+#include "crypto/sm3.h"
+#include "crypto/sm4.h"
+
+namespace {
+
+constexpr std::array<int32_t, 3> kMessageLengths = {64, 1024, 16384};
+constexpr size_t kRoom = 16384 + 64;
+constexpr int kEncrypt = 1;
+constexpr int kDecrypt = 0;
+
+using Message = std::vector<uint8_t>;
+
+// Processes `length` bytes of `in` and leaves ciphertext or digest in `out`.
+using Run = std::function<void(const Message& in, int32_t length, Message& out)>;
+
+struct Primitive {
+  std::string name;
+  Run ours;
+  Run openssl;
+};
+
+constexpr std::array<uint8_t, 24> kKey = {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF,
+                                          0xFE, 0xDC, 0xBA, 0x98, 0x76, 0x54, 0x32, 0x10,
+                                          0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF};
+
+void require(bool held, const char* what) {
+  if (held) return;
+  static_cast<void>(std::fprintf(stderr, "primitives_bench: %s failed\n", what));
+  std::abort();
+}
+
+Run openssl_digest(const EVP_MD* md) {
+  std::shared_ptr<EVP_MD_CTX> ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+  require(EVP_DigestInit_ex(ctx.get(), md, nullptr) == 1, "EVP_DigestInit_ex");
+  return [ctx](const Message& in, int32_t length, Message& out) {
+    EVP_DigestInit_ex(ctx.get(), nullptr, nullptr);
+    EVP_DigestUpdate(ctx.get(), in.data(), static_cast<size_t>(length));
+    EVP_DigestFinal_ex(ctx.get(), out.data(), nullptr);
+  };
+}
+
+Run openssl_cipher(const EVP_CIPHER* cipher, int direction) {
+  std::shared_ptr<EVP_CIPHER_CTX> ctx(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
+  require(EVP_CipherInit_ex(ctx.get(), cipher, nullptr, kKey.data(), kKey.data(), direction) == 1,
+          "EVP_CipherInit_ex");
+  EVP_CIPHER_CTX_set_padding(ctx.get(), 0);
+  return [ctx](const Message& in, int32_t length, Message& out) {
+    int written = 0;
+    EVP_CipherInit_ex(ctx.get(), nullptr, nullptr, nullptr, kKey.data(), -1);
+    EVP_CipherUpdate(ctx.get(), out.data(), &written, in.data(), length);
+    EVP_CipherFinal_ex(ctx.get(), out.data() + written, &written);
+  };
+}
+
+Run our_sm4_cbc(int32_t mode) {
+  auto ctx = std::make_shared<TQ_SM4_CTX>();
+  (mode == kEncrypt ? TQ_sm4_setkey_enc : TQ_sm4_setkey_dec)(ctx.get(), kKey.data());
+  return [ctx, mode](const Message& in, int32_t length, Message& out) {
+    std::array<uint8_t, 16> iv;
+    std::copy_n(kKey.begin(), iv.size(), iv.begin());
+    TQ_sm4_crypt_cbc(ctx.get(), mode, length, iv.data(), in.data(), out.data());
+  };
+}
+
+Run our_sm4_ecb() {
+  auto ctx = std::make_shared<TQ_SM4_CTX>();
+  TQ_sm4_setkey_enc(ctx.get(), kKey.data());
+  return [ctx](const Message& in, int32_t length, Message& out) {
+    TQ_sm4_crypt_ecb(ctx.get(), kEncrypt, length, in.data(), out.data());
+  };
+}
+
+template <typename Context, typename SetKey, typename Crypt>
+Run our_des_cbc(SetKey set_key, Crypt crypt, int32_t mode) {
+  auto ctx = std::make_shared<Context>();
+  set_key(ctx.get(), kKey.data());
+  return [ctx, crypt, mode](const Message& in, int32_t length, Message& out) {
+    std::array<uint8_t, 8> iv;
+    std::copy_n(kKey.begin(), iv.size(), iv.begin());
+    crypt(ctx.get(), mode, length, iv.data(), in.data(), out.data());
+  };
+}
+
+std::vector<Primitive> primitives() {
+  return {
+      {"SM3", [](const Message& in, int32_t length, Message& out) { TQ_sm3(in.data(), length, out.data()); },
+       openssl_digest(EVP_sm3())},
+      {"HMAC-SM3",
+       [](const Message& in, int32_t length, Message& out) {
+         TQ_sm3_hmac(kKey.data(), kKey.size(), in.data(), length, out.data());
+       },
+       [](const Message& in, int32_t length, Message& out) {
+         HMAC(EVP_sm3(), kKey.data(), kKey.size(), in.data(), static_cast<size_t>(length), out.data(),
+              nullptr);
+       }},
+      {"SHA-1",
+       [](const Message& in, int32_t length, Message& out) {
+         TQSHA1Parse(in.data(), static_cast<size_t>(length), out.data(), 20);
+       },
+       openssl_digest(EVP_sha1())},
+      {"SM4-ECB", our_sm4_ecb(), openssl_cipher(EVP_sm4_ecb(), kEncrypt)},
+      {"SM4-CBC encrypt", our_sm4_cbc(kEncrypt), openssl_cipher(EVP_sm4_cbc(), kEncrypt)},
+      {"SM4-CBC decrypt", our_sm4_cbc(kDecrypt), openssl_cipher(EVP_sm4_cbc(), kDecrypt)},
+      {"DES-CBC encrypt", our_des_cbc<TQ_DES_CTX>(tq_des_setkey_enc, tq_des_crypt_cbc, kEncrypt),
+       openssl_cipher(EVP_des_cbc(), kEncrypt)},
+      {"DES-CBC decrypt", our_des_cbc<TQ_DES_CTX>(tq_des_setkey_dec, tq_des_crypt_cbc, kDecrypt),
+       openssl_cipher(EVP_des_cbc(), kDecrypt)},
+      {"3DES-CBC encrypt", our_des_cbc<TQ_DES3_CTX>(tq_des3_set2key_enc, tq_des3_crypt_cbc, kEncrypt),
+       openssl_cipher(EVP_des_ede_cbc(), kEncrypt)},
+      {"3DES-CBC decrypt", our_des_cbc<TQ_DES3_CTX>(tq_des3_set2key_dec, tq_des3_crypt_cbc, kDecrypt),
+       openssl_cipher(EVP_des_ede_cbc(), kDecrypt)},
+  };
+}
+
+// A comparison is worth something only between equal results.
+void require_equal_results(const Primitive& primitive) {
+  Message in(kRoom);
+  for (size_t i = 0; i < in.size(); ++i) in[i] = static_cast<uint8_t>(i * 7);
+  for (const int32_t length : kMessageLengths) {
+    Message ours(kRoom);
+    Message theirs(kRoom);
+    primitive.ours(in, length, ours);
+    primitive.openssl(in, length, theirs);
+    require(ours == theirs, primitive.name.c_str());
+  }
+}
+
+void register_runs(const std::string& name, const Run& run) {
+  for (const int32_t length : kMessageLengths) {
+    benchmark::RegisterBenchmark((name + "/" + std::to_string(length)).c_str(),
+                                 [run, length](benchmark::State& state) {
+                                   const Message in(kRoom, 0x5A);
+                                   Message out(kRoom);
+                                   for ([[maybe_unused]] auto _ : state) {
+                                     run(in, length, out);
+                                     benchmark::DoNotOptimize(out.data());
+                                     benchmark::ClobberMemory();
+                                   }
+                                   state.SetBytesProcessed(state.iterations() * length);
+                                 });
+  }
+}
+
+// Collects the medians and prints the table at the end.
+class TableReporter : public benchmark::BenchmarkReporter {
+ public:
+  bool ReportContext(const Context& /*context*/) override { return true; }
+
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& run : runs) {
+      if (run.run_type != Run::RT_Aggregate || run.aggregate_name != "median") continue;
+      megabytes_per_second_[run.run_name.function_name] = run.counters.at("bytes_per_second").value / 1e6;
+    }
+  }
+
+  void print_table(const std::vector<Primitive>& all) const {
+    std::printf("%-18s %7s %12s %12s %7s\n", "", "bytes", "ours MB/s", "OpenSSL MB/s", "ratio");
+    for (const Primitive& primitive : all) {
+      for (const int32_t length : kMessageLengths) {
+        const double ours = megabytes_per_second(primitive.name + "/ours/", length);
+        const double theirs = megabytes_per_second(primitive.name + "/OpenSSL/", length);
+        if (ours > 0 && theirs > 0) {
+          std::printf("%-18s %7d %12.1f %12.1f %7.2f\n", primitive.name.c_str(), length, ours, theirs,
+                      ours / theirs);
+        }
+      }
+    }
+  }
+
+ private:
+  double megabytes_per_second(const std::string& name, int32_t length) const {
+    const auto found = megabytes_per_second_.find(name + std::to_string(length));
+    return found == megabytes_per_second_.end() ? 0 : found->second;
+  }
+
+  std::map<std::string, double> megabytes_per_second_;
+};
+
+}  // namespace
+
+// Options are those of Google Benchmark, such as --benchmark_filter=SM4 or --benchmark_repetitions=21.
+int main(int argc, char** argv) {
+  require(OSSL_PROVIDER_load(nullptr, "default") != nullptr, "the default provider");
+  require(OSSL_PROVIDER_load(nullptr, "legacy") != nullptr, "the legacy provider, which has single DES,");
+
+  std::vector<std::string> arguments = {argv[0], "--benchmark_repetitions=9", "--benchmark_min_time=0.03",
+                                        "--benchmark_enable_random_interleaving=true"};
+  arguments.insert(arguments.end(), argv + 1, argv + argc);  // the last of an option counts
+  std::vector<char*> pointers;
+  pointers.reserve(arguments.size() + 1);
+  for (std::string& argument : arguments) pointers.push_back(argument.data());
+  int count = static_cast<int>(pointers.size());
+  pointers.push_back(nullptr);
+  benchmark::Initialize(&count, pointers.data());
+  if (benchmark::ReportUnrecognizedArguments(count, pointers.data())) return EXIT_FAILURE;
+
+  const std::vector<Primitive> all = primitives();
+  for (const Primitive& primitive : all) {
+    require_equal_results(primitive);
+    register_runs(primitive.name + "/ours", primitive.ours);
+    register_runs(primitive.name + "/OpenSSL", primitive.openssl);
+  }
+  TableReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  reporter.print_table(all);
+  return EXIT_SUCCESS;
+}

@@ -1,0 +1,69 @@
+// What OpenSSL makes of the same input.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
+#include <openssl/provider.h>
+
+#include <memory>
+
+#include "support/bytes.hpp"
+
+namespace test {
+
+// Single DES stands in the legacy provider; loading that by hand leaves the default one to be loaded by hand,
+// too.
+class OpenSslProviders {
+ public:
+  OpenSslProviders()
+      : default_(OSSL_PROVIDER_load(nullptr, "default")), legacy_(OSSL_PROVIDER_load(nullptr, "legacy")) {}
+  ~OpenSslProviders() {
+    OSSL_PROVIDER_unload(legacy_);
+    OSSL_PROVIDER_unload(default_);
+  }
+  OpenSslProviders(const OpenSslProviders&) = delete;
+  OpenSslProviders& operator=(const OpenSslProviders&) = delete;
+  bool loaded() const { return default_ != nullptr && legacy_ != nullptr; }
+
+ private:
+  OSSL_PROVIDER* default_;
+  OSSL_PROVIDER* legacy_;
+};
+
+inline Bytes openssl_digest(const EVP_MD* md, const Bytes& data) {
+  Bytes digest(static_cast<size_t>(EVP_MD_get_size(md)));
+  EXPECT_EQ(EVP_Digest(data.data(), data.size(), digest.data(), nullptr, md, nullptr), 1);
+  return digest;
+}
+
+inline Bytes openssl_hmac(const EVP_MD* md, const Bytes& key, const Bytes& data) {
+  Bytes mac(static_cast<size_t>(EVP_MD_get_size(md)));
+  const uint8_t empty = 0;
+  EXPECT_NE(HMAC(md, key.empty() ? &empty : key.data(), static_cast<int>(key.size()), data.data(),
+                 data.size(), mac.data(), nullptr),
+            nullptr);
+  return mac;
+}
+
+// Whole blocks, no padding. An empty `iv` is for ECB.
+inline Bytes openssl_cipher(const EVP_CIPHER* cipher, bool encrypt, const Bytes& key, const Bytes& iv,
+                            const Bytes& data) {
+  static const OpenSslProviders providers;
+  EXPECT_TRUE(providers.loaded());
+  const std::unique_ptr<EVP_CIPHER_CTX, void (*)(EVP_CIPHER_CTX*)> ctx(EVP_CIPHER_CTX_new(),
+                                                                       EVP_CIPHER_CTX_free);
+  Bytes out(data.size() + EVP_MAX_BLOCK_LENGTH);
+  int head = 0;
+  int tail = 0;
+  EXPECT_EQ(
+      EVP_CipherInit_ex(ctx.get(), cipher, nullptr, key.data(), iv.empty() ? nullptr : iv.data(), encrypt),
+      1);
+  EVP_CIPHER_CTX_set_padding(ctx.get(), 0);
+  EXPECT_EQ(EVP_CipherUpdate(ctx.get(), out.data(), &head, data.data(), static_cast<int>(data.size())), 1);
+  EXPECT_EQ(EVP_CipherFinal_ex(ctx.get(), out.data() + head, &tail), 1);
+  out.resize(static_cast<size_t>(head + tail));
+  return out;
+}
+
+}  // namespace test
