@@ -1,0 +1,62 @@
+// Answers of the server cut at every byte, and with every bit of their header flipped.
+
+import assert from 'node:assert/strict';
+import { test } from 'node:test';
+import { check, Process } from './support.mjs';
+
+const kMalformed = -35006;
+const kLost = -22003;
+const kHeaderBytes = 11;
+
+/** Each command: how a read gets there, and what comes of a malformed answer. */
+const kCommands = [
+  { on: '0x7500', told: 'none' },
+  { on: '0x5001' },
+  { on: '0x6102', identity: { readMode: 1 }, answers: { '0x6102': { tags: [{ idType: 1 }] } } },
+];
+
+/** The result code of a frame with one flipped bit; `length` is the whole frame's. */
+function codeOfFlip(bit, length) {
+  const byte = bit >> 3;
+  const mask = 0x80 >> bit % 8;
+  if (byte === 1 || byte === 2) return (length ^ (mask << (byte === 1 ? 8 : 0))) > length ? kLost : kMalformed;
+  if (byte < 5 || byte > 7) return kMalformed; // header, command, and what the checksum covers
+  const digit = 10 ** (5 - (byte - 5) * 2 - (mask < 16 ? 1 : 0));
+  const status = -digit * (mask < 16 ? mask : mask >> 4);
+  return status === -1 ? kMalformed : status;
+}
+
+/** What a read comes to when an answer is malformed in this way; 0x6113 takes the place of 0x6102. */
+function expected({ on, told }, code) {
+  if (code === kLost) return { code, told: told ?? 'application' };
+  return on === '0x6102' ? { last: ['0x6113', 'READ 6013'] } : { code, told };
+}
+
+for (const command of kCommands) {
+  const { on, identity, answers } = command;
+  const damaged = (rules) => ({ identity, server: { answers, rules: rules.map((rule) => ({ on, ...rule })) } });
+
+  test(`${on}: cut at every byte, every header bit flipped`, async () => {
+    const child = new Process();
+    const length = await child.call('lengthOfAnswer', { ...damaged([]), on });
+    assert.ok(length > kHeaderBytes + 16);
+    const rows = [];
+    for (let at = 0; at < length; at += 1) {
+      rows.push({ what: `cut at ${at}`, code: kLost, rules: [{ do: 'malformed', kind: 'cut', at }, { do: 'hangup' }] });
+    }
+    for (const bit of [...Array(8 * kHeaderBytes).keys(), ...Array.from({ length: 8 }, (_, i) => 8 * (length - 1) + i)]) {
+      const code = codeOfFlip(bit, length);
+      rows.push({ what: `bit ${bit}`, code, rules: [{ do: 'malformed', kind: 'flip', bit }, ...(code === kLost ? [{ do: 'hangup' }] : [])] });
+    }
+    for (const { what, code, rules } of rows) {
+      const outcome = await child.call('perform', damaged(rules));
+      try {
+        check(outcome, { identity, ...expected(command, code) });
+      } catch (error) {
+        error.message = `${what}: ${error.message}`;
+        throw error;
+      }
+    }
+    await child.end();
+  });
+}

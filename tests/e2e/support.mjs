@@ -1,0 +1,163 @@
+// The tests' side: processes under test, and what a read is expected to come to.
+
+import assert from 'node:assert/strict';
+import { fork } from 'node:child_process';
+import { once } from 'node:events';
+import { closeSync, mkdtempSync, openSync, readFileSync, rmSync } from 'node:fs';
+import { tmpdir } from 'node:os';
+import { join } from 'node:path';
+import { after, test } from 'node:test';
+import { fileURLToPath } from 'node:url';
+import { DEFAULT_IDENTITY, SPECIMEN_PERSON } from '../../simulator/lib/persona.mjs';
+
+/** A sanitizer slows everything down; limits of time are then wider. */
+export const SANITIZED = /san/.test(process.env.LD_PRELOAD ?? '');
+const kTimeToAnswer = 150_000;
+const kTimeToEnd = 20_000;
+const kMain = fileURLToPath(new URL('./main.mjs', import.meta.url));
+const kFinding = /runtime error:|Sanitizer|terminate called|Assertion|FATAL ERROR/;
+
+const kChildren = [];
+after(() => kChildren.forEach((child) => child.kill('SIGKILL'))); // those that a failed test has left behind
+
+/** A process under test. What it writes goes to files, which are shown when something is wrong. */
+export class Process {
+  #folder = mkdtempSync(join(tmpdir(), 'tqreader-e2e-'));
+  #waiting = new Map();
+  #calls = 0;
+
+  constructor() {
+    const [out, err] = ['out', 'err'].map((name) => openSync(join(this.#folder, name), 'w'));
+    this.child = fork(kMain, [], { stdio: ['ignore', out, err, 'ipc'] });
+    kChildren.push(this.child);
+    [out, err].forEach((file) => closeSync(file));
+    this.exited = once(this.child, 'exit').then(([code, signal]) => {
+      this.ending = signal ?? code;
+      for (const { reject, timer } of this.#waiting.values()) {
+        clearTimeout(timer);
+        reject(new Error(`the process ended with ${this.ending}\n${this.findings()}`));
+      }
+    });
+    this.child.on('message', ({ id, value, error }) => {
+      const { resolve, reject, timer } = this.#waiting.get(id);
+      clearTimeout(timer);
+      this.#waiting.delete(id);
+      if (error) reject(new Error(error));
+      else resolve(value);
+    });
+  }
+
+  text(name) {
+    return readFileSync(join(this.#folder, name), 'utf8');
+  }
+
+  /** What a sanitizer or the runtime had to say. */
+  findings() {
+    const text = this.text('err');
+    const at = text.search(kFinding);
+    return at < 0 ? text.slice(-500) : text.slice(at, at + 6000);
+  }
+
+  call(name, argument) {
+    return new Promise((resolve, reject) => {
+      this.#calls += 1;
+      const timer = setTimeout(() => this.child.kill('SIGKILL'), kTimeToAnswer);
+      this.#waiting.set(this.#calls, { resolve, reject, timer });
+      this.child.send({ id: this.#calls, name, argument });
+    });
+  }
+
+  /** Lets go of the process: it has to end by itself, with nothing to be said against it. */
+  async end({ keep = false } = {}) {
+    if (this.child.connected) this.child.disconnect();
+    const timer = setTimeout(() => this.child.kill('SIGKILL'), kTimeToEnd);
+    await this.exited;
+    clearTimeout(timer);
+    assert.equal(this.ending, 0, `the process ended with ${this.ending}\n${this.findings()}`);
+    assert.doesNotMatch(this.text('err'), kFinding, this.findings());
+    if (!keep) this.discard();
+  }
+
+  discard() {
+    rmSync(this.#folder, { recursive: true });
+  }
+}
+
+/** One scenario in a process of its own. */
+export async function alone(name, argument) {
+  const child = new Process();
+  const value = await child.call(name, argument);
+  await child.end();
+  return value;
+}
+
+const BUSINESS_ID = 'SIMULATED-READ-000001';
+const GOOD_STATUS = 36864;
+const BEGIN = 1_700_000_000_000; // where the application's clock stands
+
+export const jsonResult = (info, reqid = BUSINESS_ID) =>
+  `{"code":0,"flag":1,"data":{"reqid":"${reqid}"${info === undefined ? '' : `,"info":${info}`}}}`;
+export const GOOD_RESULT = jsonResult(JSON.stringify(SPECIMEN_PERSON));
+
+function resultText({ code = 0, raw, told = 'both', reqid = BUSINESS_ID }) {
+  if (raw) return raw;
+  if (code === 0) return jsonResult(JSON.stringify(SPECIMEN_PERSON), reqid);
+  return told === 'none' ? `{"code":${code},"flag":0,"data":""}` : `{"code":${code}, "flag":3, "data":"tqbizid${reqid}"}`;
+}
+
+/** The monitor text, byte for byte. */
+function monitorText({ code = 0, nfc, reqid = BUSINESS_ID, identity, server = {}, tick = {}, start }, outcome) {
+  const { sn, appid } = { ...DEFAULT_IDENTITY, ...identity };
+  const exchanges = outcome.server.filter((command) => command !== '0x7219').length;
+  const passed = exchanges * (tick.server ?? 0) + outcome.commands.length * (tick.card ?? 0);
+  const time = start === undefined ? passed : BigInt.asIntN(32, BigInt(BEGIN) - BigInt(start));
+  const failed = nfc === undefined ? '' : outcome.commands.at(-1).command;
+  return `{"reqid": "${reqid}", "result_code": ${code}, "decode_times": ${time}, "time_delay": ${tick.server ?? 0}, ` +
+    `"nfc_err_code": ${nfc ?? GOOD_STATUS}, "nfc_err_cmd": "${failed}", "card_type": 0, "device_id": "${sn}", ` +
+    `"appid": "${appid.trim()}", "sod_file": "", "stickCard_id": "${server.newStickCardId ?? 'C0FFEE00000000000000000000000001'}"}`;
+}
+
+/**
+ * Compares what came of a read with what a case expects:
+ *   code, raw     the result's code (default 0), or its whole text
+ *   silent        no result and no monitor record at all
+ *   told          who got the monitor record: 'both', 'application', 'none', or 'any': the application, and the server or not
+ *   nfc           status of the card in the monitor record when it is not 9000; the last command is then named as well
+ *   reqid         business id
+ *   last          [server command before the monitor record, card command] that came last
+ *   start         what the first reading of the clock gave, when not the time
+ *   reports       texts that the server got, when not the monitor record
+ *   waiting       the worker is there a while after the trigger
+ *   connections   how many there were
+ *   open          the connection stays open
+ */
+export function check(outcome, expected) {
+  const { silent = false, told = silent ? 'none' : 'both', last, open = false, reports, waiting, connections } = expected;
+  const monitors = told === 'none' ? [] : [monitorText(expected, outcome)];
+  const reached = told === 'both' || (told === 'any' && outcome.reports.length > 0);
+  const wanted = { code: 0, ended: true, results: silent ? [] : [resultText(expected)], monitors,
+    reports: reports ?? (reached ? monitors : []), differences: [], open, last, waiting, connections };
+  const lastTwo = [outcome.server.filter((command) => command !== '0x7219').at(-1), outcome.commands.at(-1)?.name];
+  const seen = { ...outcome, last: lastTwo };
+  const names = Object.keys(wanted).filter((name) => wanted[name] !== undefined);
+  const only = (values) => Object.fromEntries(names.map((name) => [name, values[name]]));
+  assert.deepEqual(only(seen), only(wanted));
+  if (outcome.again) {
+    const { results: [again], differences: found } = outcome.again;
+    assert.deepEqual({ again, found }, { again: resultText({ reqid: expected.reqid }), found: [] }, 'the read after it');
+  }
+}
+
+/** A table of reads in one process; each row: name, what `perform` takes and what `check` expects. */
+export function testReads(title, cases) {
+  test(title, async (t) => {
+    let child = new Process();
+    for (const row of cases) {
+      await t.test(row.name, async () => {
+        if (child.ending !== undefined) child = new Process();
+        check(await child.call('perform', row), row);
+      });
+    }
+    await t.test('the process ends by itself', () => child.end());
+  });
+}
