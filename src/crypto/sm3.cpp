@@ -33,11 +33,10 @@ constexpr std::array<uint32_t, kNumRounds> make_round_constants() {
 }
 constexpr auto kRoundConstants = make_round_constants();
 
-// Sections 4.3 and 4.4, each in its shortest form. The two terms of the majority share no bit in x and y, so
-// that they may be added.
+// Sections 4.3 and 4.4.
 template <size_t kRound>
 constexpr uint32_t ff(uint32_t x, uint32_t y, uint32_t z) {
-  return kRound < 16 ? x ^ y ^ z : (x & y) + ((x ^ y) & z);
+  return kRound < 16 ? x ^ y ^ z : (x & y) | ((x | y) & z);
 }
 template <size_t kRound>
 constexpr uint32_t gg(uint32_t x, uint32_t y, uint32_t z) {

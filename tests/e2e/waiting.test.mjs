@@ -25,7 +25,7 @@ const kCases = [
   { name: 'port 0', identity: { port: 0 }, code: -20001, told: 'none', again: false },
 ];
 
-describe('waiting', { concurrency: 20 }, () => {
+describe('waiting', { concurrency: SANITIZED ? 4 : 20 }, () => {
   for (const row of kCases) {
     test(row.name, async () => {
       const outcome = await alone('perform', row);

@@ -78,52 +78,39 @@ TEST(Des, PublishedExamples) {
   }
 }
 
+// Into another buffer at once, and in place in chained calls.
 TEST(Des, AgreesWithOpenSslForEveryNumberOfBlocks) {
   std::mt19937 generator(12);
   for (const auto& cipher : kCiphers) {
-    for (size_t num_blocks = 1; num_blocks <= 25; ++num_blocks) {
+    for (size_t num_blocks = 1; num_blocks <= 40; ++num_blocks) {
       const Bytes key = test::random_bytes(generator, cipher.key_len);
       const Bytes iv = test::random_bytes(generator, 8);
       const Bytes plain = test::random_bytes(generator, 8 * num_blocks);
-      const auto len = static_cast<int32_t>(plain.size());
-      const Bytes cbc = test::openssl_cipher(cipher.cbc, true, key, iv, plain);
-      const Bytes last(cbc.end() - 8, cbc.end());
-      Bytes out(plain.size());
-      Bytes chain = iv;
-      ASSERT_EQ(cipher.run(true, key, chain.data(), len, plain.data(), out.data()), 0);
-      ASSERT_EQ(out, cbc) << cipher.name;
-      ASSERT_EQ(chain, last) << cipher.name;
-      chain = iv;
-      ASSERT_EQ(cipher.run(false, key, chain.data(), len, cbc.data(), out.data()), 0);
-      ASSERT_EQ(out, plain) << cipher.name;
-      ASSERT_EQ(chain, last) << cipher.name;
+      const Bytes encrypted = test::openssl_cipher(cipher.cbc, true, key, iv, plain);
+      for (const bool encrypt : {true, false}) {
+        const Bytes& in = encrypt ? plain : encrypted;
+        const Bytes& expected = encrypt ? encrypted : plain;
+        const auto len = static_cast<int32_t>(in.size());
+        Bytes out(in.size());
+        Bytes chain = iv;
+        ASSERT_EQ(cipher.run(encrypt, key, chain.data(), len, in.data(), out.data()), 0);
+        ASSERT_EQ(out, expected) << cipher.name << " " << num_blocks;
+        ASSERT_EQ(chain, Bytes(encrypted.end() - 8, encrypted.end())) << cipher.name;
+        out = in;
+        chain = iv;
+        for (size_t at = 0; at < out.size();) {
+          const size_t piece = std::min(8 * (generator() % 8), out.size() - at);
+          ASSERT_EQ(cipher.run(encrypt, key, chain.data(), static_cast<int32_t>(piece), &out[at], &out[at]),
+                    0);
+          at += piece;
+        }
+        ASSERT_EQ(out, expected) << cipher.name << " in place " << num_blocks;
 
-      const Bytes block(plain.begin(), plain.begin() + 8);
-      Bytes one(8);
-      ASSERT_EQ(cipher.run(true, key, nullptr, 8, block.data(), one.data()), 0);
-      ASSERT_EQ(one, test::openssl_cipher(cipher.ecb, true, key, {}, block)) << cipher.name;
-      ASSERT_EQ(cipher.run(false, key, nullptr, 8, one.data(), one.data()), 0);
-      ASSERT_EQ(one, block) << cipher.name;
-    }
-  }
-}
-
-TEST(Des, InPlaceAndInChainedCalls) {
-  std::mt19937 generator(13);
-  for (const auto& cipher : kCiphers) {
-    const Bytes key = test::random_bytes(generator, cipher.key_len);
-    const Bytes iv = test::random_bytes(generator, 8);
-    const Bytes plain = test::random_bytes(generator, size_t{8} * 31);
-    const Bytes cbc = test::openssl_cipher(cipher.cbc, true, key, iv, plain);
-    for (const bool encrypt : {true, false}) {
-      Bytes data = encrypt ? plain : cbc;
-      Bytes chain = iv;
-      for (size_t at = 0; at < data.size();) {
-        const size_t len = std::min(8 * (generator() % 8), data.size() - at);
-        ASSERT_EQ(cipher.run(encrypt, key, chain.data(), static_cast<int32_t>(len), &data[at], &data[at]), 0);
-        at += len;
+        const Bytes block(in.begin(), in.begin() + 8);
+        out.resize(8);
+        ASSERT_EQ(cipher.run(encrypt, key, nullptr, 8, block.data(), out.data()), 0);
+        ASSERT_EQ(out, test::openssl_cipher(cipher.ecb, encrypt, key, {}, block)) << cipher.name;
       }
-      EXPECT_EQ(data, encrypt ? cbc : plain) << cipher.name;
     }
   }
 }
@@ -144,21 +131,6 @@ TEST(Des, BadLengthsChangeNothing) {
     Bytes iv(8, 0xDD);
     EXPECT_EQ(cipher.run(true, key, iv.data(), 0, nullptr, nullptr), 0);
     EXPECT_EQ(iv, Bytes(8, 0xDD));
-  }
-}
-
-TEST(Des, TripleWithOneKeyIsSingle) {
-  std::mt19937 generator(14);
-  const Bytes single = test::random_bytes(generator, 8);
-  Bytes key = single;
-  for (size_t i = 1; i < 3; ++i) {
-    key.insert(key.end(), single.begin(), single.end());
-    const Bytes in = test::random_bytes(generator, 8);
-    Bytes expected(8);
-    Bytes out(8);
-    kCiphers[0].run(true, single, nullptr, 8, in.data(), expected.data());
-    kCiphers[i].run(true, key, nullptr, 8, in.data(), out.data());
-    EXPECT_EQ(out, expected) << kCiphers[i].name;
   }
 }
 

@@ -22,17 +22,14 @@ std::string digest_of(const Bytes& data) {
 }
 
 TEST(Sha1, PublishedExamples) {
-  struct Example {
-    std::string text;
-    const char* digest;
-  };
-  const Example examples[] = {// FIPS 180-4 examples
-                              {"", "da39a3ee5e6b4b0d3255bfef95601890afd80709"},
-                              {"abc", "a9993e364706816aba3e25717850c26c9cd0d89d"},
-                              {"abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq",
-                               "84983e441c3bd26ebaae4aa1f95129e5e54670f1"},
-                              {std::string(1000000, 'a'), "34aa973cd4c4daa4f61eeb2bdbad27316534016f"}};
-  for (const auto& example : examples) EXPECT_EQ(digest_of(test::from_text(example.text)), example.digest);
+  const std::pair<std::string, const char*> examples[] = {
+      // FIPS 180-4
+      {"", "da39a3ee5e6b4b0d3255bfef95601890afd80709"},
+      {"abc", "a9993e364706816aba3e25717850c26c9cd0d89d"},
+      {"abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq",
+       "84983e441c3bd26ebaae4aa1f95129e5e54670f1"},
+      {std::string(1000000, 'a'), "34aa973cd4c4daa4f61eeb2bdbad27316534016f"}};
+  for (const auto& [text, digest] : examples) EXPECT_EQ(digest_of(test::from_text(text)), digest);
 }
 
 TEST(Sha1, AgreesWithOpenSslHoweverItIsFed) {
