@@ -1,7 +1,7 @@
 // The process under test: the library with an application, a card and a decode server around it. Reads are described
 // by plain data; see `perform`. `main.mjs` makes a program of it that the tests talk to.
 
-import { existsSync, readdirSync } from 'node:fs';
+import { existsSync, readdirSync, readFileSync } from 'node:fs';
 import { stat } from 'node:fs/promises';
 import { resolve } from 'node:path';
 import { setTimeout as sleep } from 'node:timers/promises';
@@ -18,9 +18,19 @@ const kKeys = loadKeys(fileURLToPath(new URL('../../keys/development_keys.h', im
 const kBegin = 1_700_000_000_000; // where the application's clock stands
 const kPatience = 30_000;
 
-const count = (path) => (existsSync(path) ? readdirSync(path).length : 0);
-export const numThreads = () => count('/proc/self/task');
-export const numDescriptors = () => count('/proc/self/fd');
+const kTasks = '/proc/self/task';
+const entries = (path) => (existsSync(path) ? readdirSync(path) : []);
+export const numThreads = () => entries(kTasks).length;
+export const numDescriptors = () => entries('/proc/self/fd').length;
+
+/** Is this thread one that the kernel runs for the process? */
+function isKernels(task) {
+  try {
+    return readFileSync(`${kTasks}/${task}/comm`, 'utf8').startsWith('iou-');
+  } catch {
+    return true; // it has just ended
+  }
+}
 
 /** Waits until `condition()` holds; false when it does not within the time. */
 export async function until(condition, ms = kPatience, every = 2) {
@@ -146,7 +156,7 @@ export class App {
 
   /** True when no worker is left. */
   get idle() {
-    return numThreads() <= kThreads;
+    return entries(kTasks).every((task) => kOthers.has(task) || isKernels(task));
   }
 
   quiet() {
@@ -190,4 +200,4 @@ export async function perform({ trigger, silent, nobody, again = true, ...settin
 
 // The threads of the file system's pool exist from now on, so that only workers come and go.
 await Promise.all(Array.from({ length: 8 }, () => stat('/')));
-const kThreads = numThreads();
+const kOthers = new Set(entries(kTasks));
