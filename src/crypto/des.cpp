@@ -138,8 +138,9 @@ Halves cbc_encrypt(RoundKeys sk, size_t count, Halves chain, const uint8_t* in, 
 
 // A ciphertext is read before its place is written: the output may be the input.
 Halves cbc_decrypt(RoundKeys sk, size_t count, Halves chain, const uint8_t* in, uint8_t* out) {
-  Lanes x;
+  Lanes x{};
   Lanes input;
+  const tq::WipeOnExit wipe_x(x);
   while (count > 0) {
     const size_t num_lanes = count < kLanes ? 1 : kLanes;
     for (size_t i = 0; i < num_lanes; ++i) x[i] = input[i] = load_block(in + kBlockLen * i);

@@ -98,7 +98,7 @@ template <size_t kNumNibbles, typename Choice>
 constexpr NibbleTables<kNumNibbles> tabulate(Choice choice) {
   NibbleTables<kNumNibbles> tables{};
   for (size_t i = 0; i < kNumNibbles; ++i) {
-    for (uint64_t x = 0; x < 16; ++x) tables[i][x] = choice(x << (4 * i));
+    for (size_t x = 0; x < 16; ++x) tables[i][x] = choice(uint64_t{x} << (4 * i));
   }
   return tables;
 }
@@ -127,8 +127,8 @@ inline constexpr auto kRoundKeyOfHalves = tabulate<14>([](uint64_t halves) {
   return round_key;
 });
 
-// kRound[i][x]: the six bits x in byte i of an expanded half go through their S-box, P and E. So a round of
-// the cipher is eight look-ups, and the result is in expanded form again.
+// kRoundTables[i][x]: the six bits x in byte i of an expanded half go through their S-box, P and E. So a
+// round of the cipher is eight look-ups, and the result is in expanded form again.
 constexpr std::array<std::array<uint64_t, 64>, 8> make_round_tables() {
   std::array<std::array<uint64_t, 64>, 8> tables{};
   for (size_t i = 0; i < tables.size(); ++i) {

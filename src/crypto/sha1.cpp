@@ -22,8 +22,7 @@ constexpr std::array<uint32_t, 5> kInitialValue = {0x67452301, 0xEFCDAB89, 0x98B
                                                    0xC3D2E1F0};
 constexpr std::array<uint32_t, 4> kConstants = {0x5A827999, 0x6ED9EBA1, 0x8F1BBCDC, 0xCA62C1D6};
 
-// Section 4.1.1: choice, parity, majority, parity. The majority's two terms never share a bit, so they may be
-// added.
+// Section 4.1.1: choice, parity, majority, parity.
 template <size_t kStep>
 constexpr uint32_t f(uint32_t x, uint32_t y, uint32_t z) {
   if constexpr (kStep < 20) return ((y ^ z) & x) ^ z;

@@ -90,8 +90,9 @@ Block cbc_encrypt(const RoundKeys& rk, size_t count, Block chain, const uint8_t*
 // ECB either way, or CBC decryption when there is a `chain`: the ciphertext block before, which moves on.
 // A ciphertext is read before its place is written, so the output may be the input.
 void crypt_independent(const RoundKeys& rk, size_t count, Block* chain, const uint8_t* in, uint8_t* out) {
-  Lanes x;
+  Lanes x{};
   Lanes input;
+  const tq::WipeOnExit wipe_x(x);
   while (count > 0) {
     const size_t num_lanes = count < kLanes ? 1 : kLanes;
     for (size_t i = 0; i < num_lanes; ++i) x[i] = input[i] = load_block(in + kBlockLen * i);

@@ -44,7 +44,7 @@ int32_t encrypt_padded(uint8_t* data, int32_t length, Key key, Key iv, Cipher ci
 }
 
 int32_t decrypt_padded(const uint8_t* data, int32_t length, Key key, Key iv, Cipher cipher, uint8_t* out) {
-  if (length < 1 || length % kBlockLen != 0) return -1;
+  if (length < 1 || (cipher != Cipher::kNone && length % kBlockLen != 0)) return -1;
   TQ_SM4_CTX ctx;
   const tq::WipeOnExit wipe_ctx(ctx);
   TQ_sm4_setkey_dec(&ctx, key.data());

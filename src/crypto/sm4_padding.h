@@ -7,8 +7,8 @@
    Encryption returns the padded length: a multiple of 16. Decryption returns the length without the padding,
    whose bytes it sets to zero in the output; it looks at the last byte only, p, and takes any p that is not
    greater than the length, 0 included. Both return -1, with nothing written, for a null pointer and a length
-   that is negative or too great; decryption also for a length that is no positive multiple of 16; and it
-   returns -1 for a p greater than the length, with the decrypted blocks left in the output. */
+   that is negative or too great; decryption also for a length below 1 or, when there is a cipher, no multiple
+   of 16; and it returns -1 for a p greater than the length, with the decrypted blocks left in the output. */
 #ifndef TQREADER_CRYPTO_SM4_PADDING_H
 #define TQREADER_CRYPTO_SM4_PADDING_H
 

@@ -1,4 +1,4 @@
-// The tables of SM4, built from the definitions of GB/T 32907-2016.
+// The tables of SM4 (GB/T 32907-2016), built from their definitions; the S-box from its algebraic form.
 #pragma once
 
 #include <array>
@@ -56,7 +56,7 @@ constexpr uint32_t mix(uint32_t b) {
   return b ^ std::rotl(b, 2) ^ std::rotl(b, 10) ^ std::rotl(b, 18) ^ std::rotl(b, 24);
 }
 
-// kRound[i][x] is L of S(x) standing in byte i of a word, byte 0 the lowest: the round function is four
+// kRoundTables[i][x] is L of S(x) standing in byte i of a word, byte 0 the lowest: the round function is four
 // look-ups.
 constexpr std::array<std::array<uint32_t, 256>, 4> make_round_tables() {
   std::array<std::array<uint32_t, 256>, 4> tables{};

@@ -15,8 +15,9 @@ constexpr size_t kMaxLen = std::numeric_limits<int32_t>::max();
 extern "C" {
 
 int32_t tq1_encode(const uint8_t* src, uint32_t n, const uint8_t key[8], uint8_t* dst) {
+  if ((src == nullptr && n != 0) || key == nullptr || dst == nullptr) return -1;
+  if (n > kMaxLen - tq::kCodecBlockLen) return -1;
   const size_t encoded_len = tq::block_encoded_len(n);
-  if ((src == nullptr && n != 0) || key == nullptr || dst == nullptr || encoded_len > kMaxLen) return -1;
   tq::ScratchBuffer blocks(encoded_len);
   if (!blocks) return -1;
   if (n != 0) std::memcpy(blocks.data(), src, n);

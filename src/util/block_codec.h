@@ -9,7 +9,8 @@
 TQ_BEGIN_C
 
 /* Encodes `n` bytes into n + 8 - n % 8 (1 to 8 bytes of padding) and returns that length. Returns -1 for a
-   null pointer, a length beyond a signed 32-bit number or when there is no memory. `dst` may be `src`. */
+   null pointer (`src` may be null when `n` is 0), a length beyond a signed 32-bit number or when there is no
+   memory. `dst` may be `src`. */
 TQ_API int32_t tq1_encode(const uint8_t* src, uint32_t n, const uint8_t key[8], uint8_t* dst);
 
 /* Decodes `n` bytes and returns the length without the padding, n - 255 to n. Returns -1, with nothing

@@ -49,7 +49,7 @@ constexpr void block_encode_in_place(std::span<uint8_t> blocks, size_t plain_len
 }
 
 // Decodes in place; `blocks` is a positive multiple of 8 bytes. Returns the plain length, or -1 when the
-// padding is longer than that.
+// padding would be longer than the blocks.
 constexpr int64_t block_decode_in_place(std::span<uint8_t> blocks, CodecKey key) {
   for (size_t at = blocks.size() - kCodecBlockLen; at > 0; at -= kCodecBlockLen) {
     codec_detail::xor_block(blocks.subspan(at, kCodecBlockLen),

@@ -55,7 +55,7 @@ const char* tq_strstr(const char* haystack, const char* needle) {
 char* tq_strncpy(char* dst, const char* src, int32_t n) {
   if (dst == nullptr || src == nullptr) return dst;
   const size_t len = n > 0 ? strnlen(src, static_cast<size_t>(n)) : 0;
-  std::memcpy(dst, src, len);
+  std::memmove(dst, src, len);
   dst[len] = '\0';
   return dst;
 }

@@ -8,7 +8,8 @@ namespace {
 
 constexpr char kDigits[] = "0123456789ABCDEF";
 
-// The value of a digit; for any other character the same arithmetic, which callers rely on for odd texts.
+// The value of a digit; for any other character the same arithmetic, which decides the last byte of odd
+// texts.
 uint32_t digit_value(char character) {
   const auto code = static_cast<uint32_t>(my_toupper(static_cast<uint8_t>(character)));
   return code <= '9' ? code - '0' : code - ('A' - 10);

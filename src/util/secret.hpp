@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <span>
+#include <type_traits>
 #include <utility>
 
 #include "util/memory.h"
@@ -25,6 +26,8 @@ inline void wipe(std::span<uint8_t> bytes) {
 // Wipes an object that somebody else owns when the scope ends.
 template <typename T>
 class WipeOnExit {
+  static_assert(std::is_trivially_copyable_v<T>);
+
  public:
   explicit WipeOnExit(T& object) : object_(object) {}
   ~WipeOnExit() { wipe(&object_, sizeof(T)); }
@@ -81,7 +84,10 @@ class ScratchBuffer {
   std::span<const uint8_t> bytes() const { return {data_, len_}; }
 
   // Hands the block to a new owner, who gives it back with tq_mem_free.
-  uint8_t* release() { return std::exchange(data_, nullptr); }
+  uint8_t* release() {
+    len_ = 0;
+    return std::exchange(data_, nullptr);
+  }
 
  private:
   uint8_t* data_;

@@ -17,10 +17,12 @@ void write_to_stderr(LogType, LogLevel, unsigned int, const char*, const char* l
 std::atomic<tq_host_log_sink> g_sink{&write_to_stderr};
 
 // Copies the format without its privacy marks.
-void plain_format(std::string_view fmt, char (&out)[kLongestFormat]) {
+// False when it does not fit.
+bool plain_format(std::string_view fmt, char (&out)[kLongestFormat]) {
   constexpr std::string_view kMarks[] = {"{public}", "{private}"};
   size_t len = 0;
-  for (size_t i = 0; i < fmt.size() && len + 1 < kLongestFormat; ++i) {
+  for (size_t i = 0; i < fmt.size(); ++i) {
+    if (len + 1 == kLongestFormat) return false;
     out[len++] = fmt[i];
     if (fmt[i] != '%') continue;
     for (const std::string_view mark : kMarks) {
@@ -28,6 +30,7 @@ void plain_format(std::string_view fmt, char (&out)[kLongestFormat]) {
     }
   }
   out[len] = '\0';
+  return true;
 }
 
 }  // namespace
@@ -35,7 +38,7 @@ void plain_format(std::string_view fmt, char (&out)[kLongestFormat]) {
 extern "C" int OH_LOG_Print(LogType type, LogLevel level, unsigned int domain, const char* tag,
                             const char* fmt, ...) {
   char format[kLongestFormat];
-  plain_format(fmt, format);
+  if (!plain_format(fmt, format)) return -1;
   char* line = nullptr;
   va_list args;
   va_start(args, fmt);

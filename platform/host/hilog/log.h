@@ -10,7 +10,8 @@ typedef enum { LOG_APP = 0 } LogType;
 typedef enum { LOG_DEBUG = 3, LOG_INFO = 4, LOG_WARN = 5, LOG_ERROR = 6, LOG_FATAL = 7 } LogLevel;
 
 /* Formats `fmt` (printf conversions with an optional "{public}" or "{private}" mark behind the percent sign;
-   the marks are dropped) and hands the line to the sink. Returns the number of bytes of the line, or -1. */
+   the marks are dropped; at most 511 bytes) and hands the line to the sink. Returns the number of bytes of
+   the line, or -1. */
 int OH_LOG_Print(LogType type, LogLevel level, unsigned int domain, const char* tag, const char* fmt, ...);
 
 /* Receives each finished line, without a line feed. Called on the thread that logs. */

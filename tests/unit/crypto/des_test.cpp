@@ -115,6 +115,19 @@ TEST(Des, AgreesWithOpenSslForEveryNumberOfBlocks) {
   }
 }
 
+TEST(Des, AnyModeButOneDecrypts) {
+  const Bytes key(8, 0x31);
+  const Bytes in = test::from_hex("000102030405060708090A0B0C0D0E0F");
+  TQ_DES_CTX ctx;
+  tq_des_setkey_dec(&ctx, key.data());
+  for (const int32_t mode : {0, 2, -1}) {
+    Bytes iv(8, 0xDD);
+    Bytes out(in.size());
+    EXPECT_EQ(tq_des_crypt_cbc(&ctx, mode, 16, iv.data(), in.data(), out.data()), 0);
+    EXPECT_EQ(out, test::openssl_cipher(EVP_des_cbc(), false, key, Bytes(8, 0xDD), in)) << mode;
+  }
+}
+
 TEST(Des, BadLengthsChangeNothing) {
   for (const auto& cipher : kCiphers) {
     const Bytes key(cipher.key_len, 0x31);

@@ -94,6 +94,8 @@ TEST_P(Base64, DecoderBearsAnything) {
       {"QUJD", 0, ""},
       {"QUJD", -4, ""},
       {"QUJDRA", 6, "41424344ffff"},  // NULs, read or not, are all ones
+      {"QUJDRA", 5, "41424344ffff"},  // a group is read whole, beyond the length too
+      {{"QU\0DQUJD", 8}, 8, "41ffc3414243"},
       {"QUJDR", 5, "414243ffffff"},
       {"QUJDRUY", 7, "4142434546ff"},
       {"QUJDR", 6, "414243ffffff"},  // a NUL within the length is the last thing read, too

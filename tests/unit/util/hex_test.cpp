@@ -28,11 +28,11 @@ TEST_P(Hex, ReadsPairs) {
   };
   const Case cases[] = {
       {"", 0, ""},           {"deadBEEF", 4, "deadbeef"},
-      {"0aF", 1, "0af0"},     // the last digit is paired with the NUL: F0 | D0
-      {"1", 0, "d0"},         // 10 | D0
-      {"G:", 1, "03"},        // (71 - 55) * 16 leaves the byte; 58 - 55
-      {"0/", 1, "ff"},        // 0 | (47 - 48)
-      {"\xFF\x80", 1, "c9"},  // (255 - 55) << 4 is 80; 128 - 55 is 49
+      {"0aF", 1, "0af0"},                     // the last digit is paired with the NUL: F0 | D0
+      {"9909", 2, "9909"},   {"1", 0, "d0"},  // 10 | D0
+      {"G:", 1, "03"},                        // (71 - 55) * 16 leaves the byte; 58 - 55
+      {"0/", 1, "ff"},                        // 0 | (47 - 48)
+      {"\xFF\x80", 1, "c9"},                  // (255 - 55) << 4 is 80; 128 - 55 is 49
   };
   for (const auto& c : cases) {
     auto text = test::exact_text(c.text);
