@@ -1,6 +1,6 @@
 // A card's answer. Choice: room for its data.
+#include "core/session/card_relay.h"
 #include "harness.hpp"
-#include "idcard/card_relay.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace fuzz;

@@ -5,22 +5,25 @@
 
 enum TqResultCode {
   TQ_OK = 0,
-  TQ_FAILED = -1,                   /* general failure of a low-level routine; a malformed frame */
-  TQ_BAD_SERIAL_NUMBER = -13002,    /* a serial-number text is too long or holds a byte of 0x81 or above */
-  TQ_BAD_APPID = -13003,            /* the appid is missing or not 20 letters and digits */
-  TQ_MISSING_CALL = -13008,         /* a needed call or value is missing */
-  TQ_OUT_OF_RANGE = -13009,         /* a value is out of range */
-  TQ_QUERY_INFO_WITHOUT_A = -16303, /* query info: read mode 1 with a = 0 */
-  TQ_QUERY_INFO_WITH_C = -16304,    /* query info: read mode 1 with c = 1 */
-  TQ_QUERY_INFO_A_AND_C = -16305,   /* query info: read mode 0 with a not 0 and c = 1 */
-  TQ_CONNECT_FAILED = -20001,       /* the decode server could not be reached */
-  TQ_EXCHANGE_FAILED = -22003,      /* sending to or receiving from the decode server failed or timed out */
-  TQ_REQUEST_NOT_BUILT = -33005,    /* a server request could not be built */
-  TQ_RESPONSE_MALFORMED = -35006,   /* a server response failed its checks */
-  TQ_NO_THREAD = -35010,            /* the worker thread could not be created */
-  TQ_NO_CARD_ANSWER = -93001,       /* the card did not answer */
-  TQ_CARD_REFUSED = -93005,         /* the card answered 69 86 */
-  TQ_CARD_FAILED = -93006           /* the card's answer reported a failure */
+  TQ_FAILED = -1,                     /* general failure of a low-level routine; a malformed frame */
+  TQ_BAD_SERIAL_NUMBER = -13002,      /* a serial-number text is too long or holds a byte of 0x81 or above */
+  TQ_BAD_APPID = -13003,              /* the appid is missing or not 20 letters and digits */
+  TQ_MISSING_CALL = -13008,           /* a needed call or value is missing */
+  TQ_OUT_OF_RANGE = -13009,           /* a value is out of range */
+  TQ_QUERY_INFO_WITHOUT_A = -16303,   /* query info: read mode 1 with a = 0 */
+  TQ_QUERY_INFO_WITH_C = -16304,      /* query info: read mode 1 with c = 1 */
+  TQ_QUERY_INFO_A_AND_C = -16305,     /* query info: read mode 0 with a not 0 and c = 1 */
+  TQ_CONNECT_FAILED = -20001,         /* the decode server could not be reached */
+  TQ_EXCHANGE_FAILED = -22003,        /* sending to or receiving from the decode server failed or timed out */
+  TQ_REQUEST_NOT_BUILT = -33005,      /* a server request could not be built */
+  TQ_RESPONSE_MALFORMED = -35006,     /* a server response failed its checks */
+  TQ_NO_THREAD = -35010,              /* the worker thread could not be created */
+  TQ_AUTHENTICATION_REFUSED = -53001, /* the chip refused EXTERNAL AUTHENTICATE */
+  TQ_NO_CARD_ANSWER = -93001,         /* the card did not answer */
+  TQ_BAD_ARGUMENTS = -93003,          /* getPassportInfo was not given three texts */
+  TQ_CARD_REFUSED = -93005,           /* the card answered 69 86, or access control failed */
+  TQ_CARD_FAILED = -93006,            /* the card's answer reported a failure or could not be opened */
+  TQ_CONNECT_DENIED = -99097          /* reserved for a connect that reports it; passed on as it is */
 };
 
 #endif

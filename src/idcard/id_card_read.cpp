@@ -3,14 +3,14 @@
 #include <algorithm>
 #include <iterator>
 
-#include "idcard/card_relay.h"
+#include "core/session/card_relay.h"
+#include "idcard/id_card_commands.h"
 #include "protocol/card_auth.h"
 #include "protocol/monitor_report.h"
 #include "protocol/result_report.h"
 #include "protocol/server_authentication.h"
 #include "protocol/session_values.hpp"
 #include "protocol/tcp_transport.h"
-#include "util/diagnostics.h"
 
 namespace tq {
 namespace {
@@ -57,22 +57,16 @@ const IdCardRead::Step IdCardRead::kSteps[] = {
     {"READ 6013", &IdCardRead::on_file_6013_data},
 };
 
-IdCardRead::IdCardRead(ReadSession& session) : session_(session), cfg_(session.config()) {}
+IdCardRead::IdCardRead(ReadSession& session) : CardRead(session) {}
 
 IdCardRead::~IdCardRead() {
   release_business_id(cfg_);
-  if (result_.data != nullptr) wipe(result_.data, static_cast<size_t>(result_.length));
-  tq_mem_free(result_.data);
-  wipe(&answer_, sizeof answer_);
   wipe(&card_, sizeof card_);
   wipe(challenge_prefix_);
 }
 
 void IdCardRead::run() {
-  start_time_ = now();
-  cfg_.readBuffer = nullptr;
-  std::fill(std::begin(cfg_.lastCommand), std::end(cfg_.lastCommand), uint8_t{0});
-  cfg_.lastCommandLength = 0;
+  begin();
   if (session_.cancelled()) return;
   const int32_t rc = server_authentication(&cfg_, work_key_.data(), &delay_, 0, cfg_.stickCardId);
   if (rc < 0) {
@@ -80,6 +74,8 @@ void IdCardRead::run() {
     return;
   }
   timing_ = {};
+  session_.accept_answers();
+  id_card_find_card(&cfg_, kReqb);
   const Outcome outcome = relay_answers();
   if (session_.cancelled()) {
     tq_socket_close();
@@ -88,22 +84,9 @@ void IdCardRead::run() {
   }
 }
 
-// Wakes the card and handles one answer after the other until the read is over or has been stopped.
-Outcome IdCardRead::relay_answers() {
-  session_.accept_answers();
-  id_card_find_card(&cfg_, kReqb);
-  while (!session_.cancelled() && session_.wait_for_answer(answer_)) {
-    const Outcome outcome = handle_answer();
-    wipe(&answer_, sizeof answer_);
-    if (!outcome.goes_on()) return outcome;
-  }
-  return Outcome::end_silently();
-}
-
 Outcome IdCardRead::handle_answer() {
-  const bool missing = answer_.status == -1 || answer_.length == 0;
-  if (missing && answer_.serial > kAttrib) return Outcome::end_with(TQ_NO_CARD_ANSWER);
-  if (cfg_.logLevel == 2) print_hex("---recv: ", answer_.data.data(), answer_.length);
+  if (answer_missing() && answer_.serial > kAttrib) return Outcome::end_with(TQ_NO_CARD_ANSWER);
+  log_answer();
   if (answer_.serial >= std::size(kSteps)) return Outcome::end_with(TQ_OUT_OF_RANGE);
   return (this->*kSteps[answer_.serial].handle)();
 }
@@ -115,13 +98,6 @@ void IdCardRead::report(int32_t final_result) {
   release_business_id(cfg_);
   tq_socket_close();
   deliver_result(final_result);
-}
-
-void IdCardRead::deliver_result(int32_t code) {
-  result_.code = code;
-  if (session_.superseded()) return;
-  cfg_.resultCallback(&result_);
-  result_ = {};  // the data are the receiver's now
 }
 
 // --- the steps ---
@@ -339,10 +315,6 @@ int32_t IdCardRead::ask_for_decoding(uint32_t command, ScratchBuffer& buffer) {
 }
 
 // --- timing, when the server wants it ---
-
-int64_t IdCardRead::now() const {
-  return host_time(cfg_);
-}
 
 void IdCardRead::start_timing() {
   if (timing_wanted()) timing_.startTime = now();

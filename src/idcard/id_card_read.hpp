@@ -7,8 +7,7 @@
 #include <cstdint>
 #include <span>
 
-#include "core/session/outcome.hpp"
-#include "core/session/read_session.hpp"
+#include "core/session/card_read.hpp"
 #include "protocol/data_decode.h"
 #include "util/secret.hpp"
 
@@ -36,12 +35,10 @@ struct CardData {
   CardFile<TQ_FILE_6013_LENGTH> file6013;
 };
 
-class IdCardRead {
+class IdCardRead final : public CardRead {
  public:
   explicit IdCardRead(ReadSession& session);
-  ~IdCardRead();
-  IdCardRead(const IdCardRead&) = delete;
-  IdCardRead& operator=(const IdCardRead&) = delete;
+  ~IdCardRead() override;
 
   // Authenticates, drives the card and reports.
   void run();
@@ -68,11 +65,9 @@ class IdCardRead {
   Outcome on_file_6013_selected();
   Outcome on_file_6013_data();
 
-  Outcome relay_answers();
-  Outcome handle_answer();
+  Outcome handle_answer() override;
   Outcome decode_first_files();
   void report(int32_t final_result);
-  void deliver_result(int32_t code);
 
   int32_t check_answer(std::span<uint8_t> out);
   bool is_empty_too_often(int32_t num_bytes);
@@ -82,21 +77,13 @@ class IdCardRead {
   int32_t decodeStep(uint32_t command);
   int32_t ask_for_decoding(uint32_t command, ScratchBuffer& buffer);
 
-  bool timing_wanted() const { return cfg_.monitorTiming != 0; }
-  int64_t now() const;
   void start_timing();
   void count_card_time();
   void count_file_time();
 
-  ReadSession& session_;
-  SessionConfig& cfg_;
-  CardAnswer answer_;
   CardData card_;
   Secret<32> work_key_;
   TqTiming timing_{};
-  info_data result_{};
-  int64_t start_time_ = 0;
-  uint32_t delay_ = 0;
   int64_t last_auth_time_ = 0;
   int64_t server_round_trip_ = 0;
   bool fast_path_ = false;

@@ -26,6 +26,12 @@ int32_t id_card_decode(SessionConfig* cfg, const uint8_t* stickCardId) {
   return tq::start_read(tq::ReadKind::kIdentityCard, *cfg, run_read, tq_socket_close);
 }
 
+void id_card_handler(SessionConfig* cfg, const uint8_t* data, uint32_t length, uint8_t serial,
+                     int32_t status) {
+  const std::span<const uint8_t> answer(data, data == nullptr ? 0 : length);
+  tq::deliver_answer(tq::ReadKind::kIdentityCard, cfg, answer, serial, status);
+}
+
 void id_card_cancel(void) {
   // In this order: the worker that the close wakes has to find the flag.
   tq::cancel_read(tq::ReadKind::kIdentityCard);

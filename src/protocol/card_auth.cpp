@@ -8,12 +8,11 @@
 namespace tq {
 namespace {
 
-constexpr size_t kRandomLength = 4;
 constexpr size_t kManagementLength = 32;
 constexpr size_t kShortAnswer = 8;
 constexpr size_t kLongAnswer = 18;
 constexpr size_t kSecretFraming = 32;
-constexpr size_t kLongestData = kRandomLength + 1 + TQ_DEVICE_ID_MAX + 4 + kManagementLength;
+constexpr size_t kLongestData = kRequestStartMax + 1 + kManagementLength;
 
 // INTERNAL AUTHENTICATE and EXTERNAL AUTHENTICATE for the server's 8 bytes.
 constexpr uint8_t kInternalAuthenticate[] = {0x00, 0x88, 0x00, 0x52, 0x0A, 0xF0, 0x00};
@@ -39,21 +38,8 @@ AnswerRule answer_rule(uint32_t command) {
   return {command, command, {}, 5};
 }
 
-uint8_t nibbles(uint8_t low, uint8_t high) {
-  return static_cast<uint8_t>((low & 0x0F) | high << 4);
-}
-
 bool write_first_data(ByteWriter& w, SessionConfig& cfg, std::span<const uint8_t> card) {
-  const DeviceId device(cfg);
-  if (card.size() != kManagementLength || !device.fits()) return false;
-  uint8_t random[kRandomLength];
-  create_rand_number(&cfg, random, kRandomLength);
-  w.bytes(random);
-  w.u8(static_cast<unsigned>(device.bytes().size()));
-  w.bytes(device.bytes());
-  w.u8(nibbles(cfg.decodeMode, cfg.readMode));
-  w.u8(nibbles(cfg.queryInfo[0], cfg.frameFlag));
-  w.u8(nibbles(cfg.queryInfo[2], cfg.queryInfo[1]));
+  if (card.size() != kManagementLength || !write_request_start(w, cfg)) return false;
   w.u8(static_cast<unsigned>(card.size()));
   w.bytes(card);
   return w.ok();

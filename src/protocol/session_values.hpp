@@ -7,9 +7,11 @@
 #include <string_view>
 
 #include "core/config/device_values.h"
+#include "core/config/host_clock.hpp"
 #include "core/config/session_config.h"
 #include "protocol/checksum.hpp"
 #include "protocol/commands.hpp"
+#include "util/byte_cursor.hpp"
 #include "util/memory.h"
 
 namespace tq {
@@ -24,16 +26,6 @@ inline uint8_t route_header(const SessionConfig& cfg) {
     default:
       return kHeaderIdentityCard;
   }
-}
-
-// The application's time in milliseconds, 0 when it gave none.
-inline int64_t host_time(const SessionConfig& cfg) {
-  return cfg.timestampCallback == nullptr ? 0 : cfg.timestampCallback();
-}
-
-// later - earlier, for times that an application may have made up: wraps instead of overflowing.
-inline int64_t elapsed(int64_t later, int64_t earlier) {
-  return static_cast<int64_t>(static_cast<uint64_t>(later) - static_cast<uint64_t>(earlier));
 }
 
 // The configured device id.
@@ -52,6 +44,24 @@ class DeviceId {
   std::array<char, TQ_DEVICE_ID_MAX + 1> text_{};
   int32_t len_;
 };
+
+// What the first card command of a read starts with: random bytes, the device id and the modes. False when
+// the device id is too long.
+constexpr size_t kRequestStartMax = 4 + 1 + TQ_DEVICE_ID_MAX + 3;
+inline bool write_request_start(ByteWriter& w, SessionConfig& cfg) {
+  const DeviceId device(cfg);
+  if (!device.fits()) return false;
+  std::array<uint8_t, 4> random{};
+  create_rand_number(&cfg, random.data(), static_cast<int32_t>(random.size()));
+  const auto nibbles = [](unsigned high, unsigned low) { return high << 4 | (low & 0x0F); };
+  w.bytes(random);
+  w.u8(static_cast<unsigned>(device.bytes().size()));
+  w.bytes(device.bytes());
+  w.u8(nibbles(cfg.readMode, cfg.decodeMode));
+  w.u8(nibbles(cfg.frameFlag, cfg.queryInfo[0]));
+  w.u8(nibbles(cfg.queryInfo[1], cfg.queryInfo[2]));
+  return w.ok();
+}
 
 // The business id of the running read, empty before the server gave one.
 inline std::string_view business_id(const SessionConfig& cfg) {

@@ -50,13 +50,20 @@ std::atomic<ReadEndHook> g_end_hook{nullptr};
 
 class Worker final : public ReadSession {
  public:
-  Worker(const SessionConfig& cfg, ReadBody body, uint64_t ticket)
-      : cfg_(cfg), owner_(&cfg), body_(body), ticket_(ticket) {}
+  Worker(const SessionConfig& cfg, std::span<const uint8_t> input, ReadBody body, uint64_t ticket)
+      : cfg_(cfg),
+        input_len_(std::min(input.size(), kMaxReadInput)),
+        owner_(&cfg),
+        body_(body),
+        ticket_(ticket) {
+    std::copy_n(input.begin(), input_len_, input_.data());
+  }
   ~Worker() { wipe(&cfg_, sizeof cfg_); }
   Worker(const Worker&) = delete;
   Worker& operator=(const Worker&) = delete;
 
   SessionConfig& config() override { return cfg_; }
+  std::span<const uint8_t> input() const override { return input_.bytes().first(input_len_); }
   const SessionConfig* owner() const { return owner_; }
   uint64_t ticket() const { return ticket_; }
   bool superseded() const override { return board().newest.load() != ticket_; }
@@ -70,6 +77,8 @@ class Worker final : public ReadSession {
   void finish();
 
   SessionConfig cfg_;
+  Secret<kMaxReadInput> input_;
+  size_t input_len_;
   const SessionConfig* owner_;
   ReadBody body_;
   uint64_t ticket_;
@@ -143,13 +152,14 @@ bool start_detached(Worker* worker) {
 
 }  // namespace
 
-int32_t start_read(ReadKind kind, const SessionConfig& cfg, ReadBody body, Interrupt interrupt) {
+int32_t start_read(ReadKind kind, const SessionConfig& cfg, ReadBody body, Interrupt interrupt,
+                   std::span<const uint8_t> input) {
   Board& b = board();
   const std::lock_guard lock(b.mutex);  // holds the new worker back until everything is in place
   const uint64_t ticket = b.newest.load() + 1;
   void* room = tq_mem_malloc(sizeof(Worker));
   if (room == nullptr) return TQ_NO_THREAD;
-  auto* worker = new (room) Worker(cfg, body, ticket);
+  auto* worker = new (room) Worker(cfg, input, body, ticket);
   if (!start_detached(worker)) {
     worker->~Worker();
     tq_mem_free(worker);

@@ -30,10 +30,16 @@ struct CardAnswer {
   std::span<const uint8_t> bytes() const { return std::span(data).first(length); }
 };
 
+// The most bytes that a read can be given beside its configuration.
+constexpr size_t kMaxReadInput = 40;
+
 // One running read, seen from its worker.
 class ReadSession {
  public:
   virtual SessionConfig& config() = 0;
+
+  // What the read was given when it was started. Wiped at its end.
+  virtual std::span<const uint8_t> input() const = 0;
 
   // From now on answers belong to this read. Called before its first card command: an answer that comes
   // earlier is one to a command of an older read.
@@ -54,10 +60,11 @@ class ReadSession {
 using ReadBody = void (*)(ReadSession& session);
 using Interrupt = void (*)();
 
-// Starts a worker that runs `body` with a copy of `cfg`. An unfinished read is superseded: `interrupt` is
-// called to end what it waits for on the network. Returns at once: TQ_OK, or TQ_NO_THREAD (then a running
-// read goes on).
-int32_t start_read(ReadKind kind, const SessionConfig& cfg, ReadBody body, Interrupt interrupt);
+// Starts a worker that runs `body` with copies of `cfg` and `input`. An unfinished read is superseded:
+// `interrupt` is called to end what it waits for on the network. Returns at once: TQ_OK, or TQ_NO_THREAD
+// (then a running read goes on).
+int32_t start_read(ReadKind kind, const SessionConfig& cfg, ReadBody body, Interrupt interrupt,
+                   std::span<const uint8_t> input = {});
 
 // Supersedes the unfinished read that was started with `owner`, without starting another.
 void abandon_read(const SessionConfig* owner, Interrupt interrupt);

@@ -1,12 +1,15 @@
-#include "idcard/card_relay.h"
+#include "core/session/card_relay.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <future>
+#include <semaphore>
 #include <string>
 
 #include "core/session/read_session.hpp"
+#include "idcard/id_card_commands.h"
+#include "idcard/id_card_session.h"
 #include "support/bytes.hpp"
 
 namespace {
@@ -154,6 +157,7 @@ TEST_F(CardRelay, DataBeyondTheRoomIsRefused) {
 
 std::promise<void>* g_began = nullptr;
 std::promise<tq::CardAnswer>* g_answer = nullptr;
+std::counting_semaphore<> g_ended{0};
 
 // Without the check of virtual calls: the library is built without run-time type information.
 __attribute__((no_sanitize("vptr"))) void take_one_answer(tq::ReadSession& session) {
@@ -172,6 +176,7 @@ TEST_F(CardRelay, HandlerTakesOneTo300Bytes) {
   } cases[] = {{true, 1, 0, 1},   {true, 300, 7, 300}, {true, 301, 0, 0},  {true, 0, 0, 0},
                {true, 20, -1, 0}, {false, 20, 0, 0},   {true, 65537, 0, 0}};
   const Bytes data(65537, 0x5A);
+  tq::set_read_end_hook([](const SessionConfig*) { g_ended.release(); });
   for (const auto& c : cases) {
     std::promise<void> began;
     std::promise<tq::CardAnswer> promise;
@@ -181,11 +186,13 @@ TEST_F(CardRelay, HandlerTakesOneTo300Bytes) {
     began.get_future().wait();
     id_card_handler(&cfg_, c.has_data ? data.data() : nullptr, c.length, 250, c.status);
     const tq::CardAnswer answer = promise.get_future().get();
+    g_ended.acquire();
     EXPECT_EQ(answer.length, c.stored) << c.length;
     EXPECT_EQ(hex(answer.bytes()), hex(data.data(), c.stored));
     EXPECT_EQ(answer.serial, 250);
     EXPECT_EQ(answer.status, c.status);
   }
+  tq::set_read_end_hook(nullptr);
   id_card_handler(nullptr, data.data(), 2, 1, 0);  // after every read: harmless
 }
 
