@@ -9,6 +9,7 @@
 #include <cstdint>
 
 #include "binding/host_environment.hpp"
+#include "util/secret.hpp"
 
 namespace tq {
 
@@ -32,11 +33,13 @@ class Arguments {
     return napi_get_value_int32(env_, values_[position], &number) == napi_ok ? number : 0;
   }
 
-  // Fills a zeroed buffer with at most size - 1 bytes of UTF-8; the rest is cut off.
-  void text(size_t position, char* buffer, size_t size) const {
+  // Fills a zeroed buffer with at most size - 1 bytes of UTF-8; the rest is cut off. False, and an empty
+  // text, when it is none.
+  bool text(size_t position, char* buffer, size_t size) const {
     size_t length = 0;
-    if (napi_get_value_string_utf8(env_, values_[position], buffer, size, &length) != napi_ok)
-      buffer[0] = '\0';
+    if (napi_get_value_string_utf8(env_, values_[position], buffer, size, &length) == napi_ok) return true;
+    buffer[0] = '\0';
+    return false;
   }
 
   napi_value result(int32_t code) const {
@@ -50,18 +53,22 @@ class Arguments {
   HostEnvironment* host_ = nullptr;
 };
 
-// A text argument in a zeroed buffer of its own.
+// A text argument in a zeroed buffer of its own, wiped after use.
 template <size_t Size>
 class TextArgument {
  public:
   template <size_t N>
-  TextArgument(const Arguments<N>& arguments, size_t position) {
-    arguments.text(position, text_.data(), text_.size());
-  }
+  TextArgument(const Arguments<N>& arguments, size_t position)
+      : given_(arguments.text(position, text_.data(), text_.size())) {}
+  ~TextArgument() { wipe(text_.data(), text_.size()); }
+  TextArgument(const TextArgument&) = delete;
+  TextArgument& operator=(const TextArgument&) = delete;
   const char* c_str() const { return text_.data(); }
+  bool given() const { return given_; }
 
  private:
   std::array<char, Size> text_{};
+  bool given_;
 };
 
 }  // namespace tq

@@ -9,6 +9,7 @@
 #include "binding/answer_box.hpp"
 #include "core/session/read_session.hpp"
 #include "idcard/id_card_session.h"
+#include "passport/passport_session.h"
 #include "protocol/tcp_transport.h"
 #include "util/memory.h"
 #include "util/no_destroy.hpp"
@@ -88,11 +89,22 @@ napi_status HostEnvironment::function_of(Channel channel, napi_value& out) const
   return napi_get_reference_value(env_, end.function, &out);
 }
 
-int32_t HostEnvironment::start_id_card_read() {
+const uint8_t* HostEnvironment::fresh_stick_card_id() {
   std::fill(std::begin(mStickCard_id_), std::end(mStickCard_id_), int64_t{-1});
-  const int32_t rc = id_card_decode(&config_, reinterpret_cast<const uint8_t*>(mStickCard_id_));
+  return reinterpret_cast<const uint8_t*>(mStickCard_id_);
+}
+
+int32_t HostEnvironment::started(int32_t rc) {
   if (rc == TQ_OK) hold_process();
   return rc;
+}
+
+int32_t HostEnvironment::start_id_card_read() {
+  return started(id_card_decode(&config_, fresh_stick_card_id()));
+}
+
+int32_t HostEnvironment::start_passport_read(const char* number, const char* birth, const char* expiry) {
+  return started(passport_decode(&config_, number, birth, expiry, fresh_stick_card_id()));
 }
 
 void HostEnvironment::hold_process() {

@@ -30,8 +30,9 @@ class HostEnvironment {
   // The JavaScript function of a channel; on failure null.
   napi_status function_of(Channel channel, napi_value& out) const;
 
-  // Starts an identity-card read and keeps the process alive until it has ended.
+  // Start a read and keep the process alive until it has ended.
   int32_t start_id_card_read();
+  int32_t start_passport_read(const char* number, const char* birth, const char* expiry);
 
   // Lets the process exit if no read needs it any more.
   void release_process();
@@ -47,6 +48,8 @@ class HostEnvironment {
   };
 
   explicit HostEnvironment(napi_env env) : env_(env) {}
+  const uint8_t* fresh_stick_card_id();
+  int32_t started(int32_t rc);
   void close_channel(End& end);
   void hold_process();
   void renew_cleanup_hook();

@@ -11,8 +11,8 @@
 #include "binding/host_environment.hpp"
 #include "binding/log.hpp"
 #include "binding/module.hpp"
-#include "idcard/card_relay.h"
 #include "idcard/id_card_session.h"
+#include "passport/passport_session.h"
 #include "util/hex.h"
 #include "util/secret.hpp"
 
@@ -68,6 +68,23 @@ napi_value get_id_info(napi_env env, napi_callback_info info) {
   const Arguments<1> args(env, info);
   const int32_t rc = args.host().start_id_card_read();
   TQ_LOG("调用身份证解码主函数: %{public}d", rc);
+  return args.result(rc);
+}
+
+// Here, unlike elsewhere, an argument that is no text is refused.
+napi_value get_passport_info(napi_env env, napi_callback_info info) {
+  const Arguments<3> args(env, info);
+  const TextArgument<30> number(args, 0);
+  if (!number.given()) return args.result(TQ_BAD_ARGUMENTS);
+  TQ_LOG("idNumber: %{public}s", number.c_str());
+  const TextArgument<20> birth(args, 1);
+  if (!birth.given()) return args.result(TQ_BAD_ARGUMENTS);
+  TQ_LOG("birthday: %{public}s", birth.c_str());
+  const TextArgument<20> expiry(args, 2);
+  if (!expiry.given()) return args.result(TQ_BAD_ARGUMENTS);
+  TQ_LOG("expiryDate: %{public}s", expiry.c_str());
+  const int32_t rc = args.host().start_passport_read(number.c_str(), birth.c_str(), expiry.c_str());
+  TQ_LOG("调用护照解码主函数: %{public}d", rc);
   return args.result(rc);
 }
 
@@ -134,11 +151,17 @@ napi_value take_id_card_answer(napi_env env, napi_callback_info info) {
   return nullptr;
 }
 
+napi_value take_passport_answer(napi_env env, napi_callback_info info) {
+  hand_over_answer(Arguments<3>(env, info), passport_handler);
+  return nullptr;
+}
+
 napi_value cancel_card(napi_env env, napi_callback_info info) {
   const Arguments<1> args(env, info);
   const int32_t type = args.integer(0);
   TQ_LOG("调用取消操作: %{public}d", type);
   if (type == 0) id_card_cancel();
+  if (type == 1) passport_cancel();
   args.host().release_process();
   return args.result(0);
 }
@@ -152,8 +175,10 @@ constexpr napi_property_descriptor kExports[] = {
     exported("initSdk", init_sdk),
     exported("getBillingModel", get_billing_model),
     exported("getIdInfo", get_id_info),
+    exported("getPassportInfo", get_passport_info),
     exported("registerTimestampCallback", register_timestamp_callback),
     exported("idCardHandler", take_id_card_answer),
+    exported("passportHandler", take_passport_answer),
     exported("registerResultCallback", register_result_callback),
     exported("registerMonitorCallback", register_monitor_callback),
     exported("registerCardCallback", register_card_callback),
