@@ -24,7 +24,7 @@ const options = parseOptions(kUsage, {
     text: 'key header that the library was built with',
   },
   env: { value: 'CODE', number: true, text: 'environment code: 268, 52302 or 26814 (default: the persona\'s, or 268)' },
-  persona: { value: 'FILE', text: 'JSON file: expected identity, card, person, misbehaviour (see README.md)' },
+  persona: { value: 'FILE', text: 'JSON file: expected identity, card, passport, person, misbehaviour (see README.md)' },
   timing: { text: 'ask the reader to time the card' },
   delay: { value: 'MS', number: true, text: 'milliseconds before every answer' },
   verbose: { text: 'print requests and answers in hexadecimal' },
@@ -61,8 +61,9 @@ function summary({ command, fields, response, rules }) {
 }
 
 const server = configure();
-server.on('connection', ({ connection, state, remote, monitored }) => {
-  const ending = state === 'open' ? `from ${remote}` : monitored ? 'closed' : 'closed without a monitor record';
+server.on('connection', ({ connection, state, remote, monitored, awaited }) => {
+  const closed = monitored ? 'closed' : awaited ? 'closed; the reader should be back' : 'closed without a monitor record';
+  const ending = state === 'open' ? `from ${remote}` : closed;
   say(colours.dim(`${clock(Date.now())}  #${connection}  ${ending}`));
 });
 server.on('exchange', (exchange) => {
@@ -73,6 +74,10 @@ server.on('exchange', (exchange) => {
     `  (${sizes})${summary(exchange)}`);
   if (options.verbose) say(`    request\n${dump(request)}\n    answer\n${dump(response ?? [])}`);
 });
+server.on('verification', ({ connection, passiveAuthentication, activeAuthentication, signer }) => {
+  const text = `passive authentication ${passiveAuthentication}, active authentication ${activeAuthentication}; ${signer}`;
+  say(`${clock(Date.now())}  #${connection}  ${text}`);
+});
 server.on('difference', ({ message, connection }) => {
   say(colours.red(`          DIFFERENCE  #${connection}  ${message}`));
 });
@@ -80,7 +85,7 @@ server.on('difference', ({ message, connection }) => {
 const { host, port } = await server.start().catch((error) => fail(error.message));
 say(`decode server on ${host}:${port}, environment ${server.config.envIdCode}`);
 if (options.persona === undefined) {
-  say('no persona: any appid, serial number, terminal id and card will do; only the structure is checked');
+  say('no persona: any appid, serial number, terminal id, card and passport will do; only the structure is checked');
 }
 
 for (const signal of ['SIGINT', 'SIGTERM']) {

@@ -10,6 +10,8 @@ export const SERVER_STEPS = {
   '0x6002': 'the first files; server wants the last one too',
   '0x6102': 'the first files; decoded person',
   '0x6113': 'the last file; decoded person',
+  '0x7201': 'opens the read of a passport; token for coming back',
+  '0x7202': 'all files of the passport; decoded holder',
   '0x7219': 'monitor record of this read',
 };
 
@@ -25,6 +27,26 @@ export const CARD_STEPS = {
   'SELECT 6011': 'choose the first file',
   'SELECT 6012': 'choose the second file',
   'SELECT 6013': 'choose the last file',
+};
+
+/** What each command to a passport's chip is for, except those that read files. */
+export const PASSPORT_STEPS = {
+  'SELECT APPLICATION': 'are you a passport?',
+  'GET CHALLENGE': 'give a challenge',
+  'EXTERNAL AUTHENTICATE': 'prove to know the printed data; new keys',
+  'INTERNAL AUTHENTICATE': 'sign a challenge: are you the original?',
+};
+
+/** What is in each file of a passport. */
+export const PASSPORT_FILES = {
+  'EF.COM': 'which data groups there are',
+  'EF.SOD': 'their hashes, signed by the issuer',
+  DG1: 'machine-readable zone',
+  DG2: 'portrait',
+  DG11: 'more about the holder',
+  DG12: 'more about the document',
+  DG14: 'public key for access control',
+  DG15: 'public key of the chip',
 };
 
 const kCodes = { bold: '1', dim: '2', red: '31', green: '32', yellow: '33', cyan: '36' };

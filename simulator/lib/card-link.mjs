@@ -6,12 +6,14 @@
 //
 //   on     the name of a step ('SELECT 6002'), its serial number (2), or 'any'
 //   nth    only the nth time that the rule's `on` matches since the rules were set
-//   do     a row of ACTIONS
+//   do     a row of ACTIONS, or an action of the card's own when it has some (`card.actions`)
 
 import { setTimeout as sleep } from 'node:timers/promises';
 import { fromHex } from './bytes.mjs';
+import { RuleList } from './rules.mjs';
 
 const kCardFailed = -1;
+const kMostLate = 5; // milliseconds; more is no timer's lateness
 const endsWell = (bytes) => bytes.subarray(-2).equals(Buffer.from([0x90, 0x00]));
 
 /** Deliveries of a good answer become other deliveries. Each is { data, serial, status, after } (`after` in ms). */
@@ -44,25 +46,29 @@ function longAnswer(data, size) {
 /** A link to one card. */
 export class CardLink {
   #rules;
+  #passedOn = false; // the card has rules from here
+  #freeAt = 0;
+  #late = 0; // by how much the timers overshot last time
 
   /**
-   * @param {{respond: Function, spoiled: Function}} card
-   * @param {{delay?: number, rules?: object[]}} [options]  delay: milliseconds that every command takes
+   * @param {{respond: Function, spoiled: Function, actions?: string[], setRules?: Function}} card
+   * @param {{delay?: number, perByte?: number, rules?: object[]}} [options]  delay: milliseconds that every command
+   *   takes; perByte: milliseconds more for each byte in either direction
    */
-  constructor(card, { delay = 0, rules = [] } = {}) {
+  constructor(card, { delay = 0, perByte = 0, rules = [] } = {}) {
     this.card = card;
     this.delay = delay;
+    this.perByte = perByte;
     this.setRules(rules);
   }
 
+  /** The rules from now on; those with an action of the card's own go to the card. */
   setRules(rules) {
-    this.#rules = rules.map((rule) => {
-      const names = Object.keys(ACTIONS);
-      if (!names.includes(rule.do)) {
-        throw new TypeError(`no such action: ${JSON.stringify(rule)}; there are ${names.join(', ')}`);
-      }
-      return { rule, matched: 0 };
-    });
+    const forCard = rules.filter((rule) => this.card.actions?.includes(rule.do));
+    const others = rules.filter((rule) => !forCard.includes(rule));
+    this.#rules = new RuleList(others, [...Object.keys(ACTIONS), ...(this.card.actions ?? [])]);
+    if (forCard.length > 0 || this.#passedOn) this.card.setRules(forCard);
+    this.#passedOn = forCard.length > 0;
   }
 
   /**
@@ -75,8 +81,9 @@ export class CardLink {
    */
   transmit(command, serial, deliver) {
     const { name, answer } = this.card.respond(command, serial);
-    let deliveries = [{ data: answer, serial, status: 0, after: this.delay }];
-    for (const rule of this.#matching(name, serial)) {
+    const after = this.#pace(this.delay + this.perByte * (command.length + answer.length));
+    let deliveries = [{ data: answer, serial, status: 0, after }];
+    for (const rule of this.#rules.matching(name, serial)) {
       deliveries = deliveries.flatMap((delivery) => ACTIONS[rule.do](delivery, rule));
       if (kHarmless.includes(rule.do)) continue;
       this.card.spoiled(name, this.#reached(command, deliveries), deliveries.length > 1);
@@ -84,12 +91,16 @@ export class CardLink {
     return { name, answer, done: this.#hand(deliveries, deliver) };
   }
 
-  #matching(name, serial) {
-    return this.#rules.filter((entry) => {
-      if (![name, serial, 'any'].includes(entry.rule.on)) return false;
-      entry.matched += 1;
-      return (entry.rule.nth ?? entry.matched) === entry.matched;
-    }).map(({ rule }) => rule);
+  /**
+   * How long to wait with an answer that takes `ms`. Commands that come at once are carried one after the other. What
+   * timers have overshot is taken off the next wait, so that many commands take the time that was asked for.
+   */
+  #pace(ms) {
+    if (ms === 0) return 0;
+    const now = performance.now();
+    this.#freeAt = Math.max(now - this.#late, this.#freeAt) + ms;
+    this.#late = 0;
+    return this.#freeAt - now;
   }
 
   /** Where a READ leaves the reader when one answer took the place of the card's; undefined when unknown. */
@@ -101,8 +112,10 @@ export class CardLink {
 
   async #hand(deliveries, deliver) {
     for (const { after, ...delivery } of deliveries) {
+      const due = performance.now() + after;
       if (after > 0) await sleep(after);
       else await undefined;
+      if (after > 0) this.#late = Math.min(kMostLate, Math.max(0, performance.now() - due));
       deliver(delivery);
     }
   }

@@ -3,10 +3,11 @@
 
 import { readFileSync, writeFileSync } from 'node:fs';
 import { fromHex } from './bytes.mjs';
+import { expectedPassport, unpackPassport } from './passport-persona.mjs';
 import { expectedPersona } from './persona.mjs';
 
-const kMembers = ['identity', 'card', 'person', 'answers', 'rules', 'cardRules', 'businessId', 'newStickCardId',
-  'timing', 'opaqueLength', 'delay', 'path', 'monitorText', 'onDifference'];
+const kMembers = ['identity', 'card', 'passport', 'person', 'answers', 'rules', 'cardRules', 'businessId', 'newStickCardId',
+  'token', 'timing', 'opaqueLength', 'delay', 'path', 'monitorText', 'onDifference'];
 const kCardMembers = ['cardKey', 'managementData', 'file6011', 'file6012', 'file6013', 'proofLength'];
 const kForReader = ['identity', 'cardRules'];
 
@@ -32,8 +33,9 @@ export function savePersona(path, persona) {
   writeFileSync(path, `${JSON.stringify(persona, null, 2)}\n`);
 }
 
-/** The part of a persona that configures a decode server. */
+/** The part of a persona that configures a decode server. A passport that is only described stays unknown to it. */
 export function serverConfigOf(persona) {
   const config = Object.fromEntries(Object.entries(persona).filter(([name]) => !kForReader.includes(name)));
-  return { ...config, persona: expectedPersona(persona.identity ?? {}), envIdCode: persona.identity?.envIdCode };
+  const passport = persona.passport?.files && expectedPassport(unpackPassport(persona.passport));
+  return { ...config, passport, persona: expectedPersona(persona.identity ?? {}), envIdCode: persona.identity?.envIdCode };
 }

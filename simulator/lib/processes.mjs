@@ -63,8 +63,9 @@ export async function startServerProcess(config) {
 
 /**
  * Performs one read in a child process.
- * @param {object} options  library, identity (for `initSdk`, address included), card (secrets), cardDelay,
- *   cardRules, timeoutMs
+ * @param {object} options  library; identity (for `initSdk`, address included); card (secrets) or passport (in plain form,
+ *   see passport-persona.mjs) and, when it differs, what the application claims to know of it (`claimed`, see `Reader`);
+ *   cardDelay and perByte (see card-link.mjs), cardRules, timeoutMs
  * @param {number|string} [output]  where the child's standard output and error go: a file descriptor, 'inherit'
  *   or 'ignore'
  * @returns {Child & {result: Promise<object>}} emits 'started', 'command', 'step', 'monitor', 'card-difference',

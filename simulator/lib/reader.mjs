@@ -53,7 +53,8 @@ export class Reader extends EventEmitter {
   /**
    * @param {object} options
    * @param {string} [options.library]   path of libtqreader.so
-   * @param {object} [options.card]      the card in the field; an IdentityCard, or whatever responds like one
+   * @param {object} [options.card]      the document in the field: an IdentityCard, a PassportChip, or
+   *   whatever responds like one
    * @param {CardLink} [options.link]    the link to it, for delays and misbehaviour; made from `card` otherwise
    * @param {() => number} [options.clock]  the time function; default Date.now
    * @param {(text: string) => any} [options.monitorAnswer]  what the monitor function returns; default the text it got
@@ -90,17 +91,25 @@ export class Reader extends EventEmitter {
 
   /**
    * Starts a read. Configuration and callbacks must be in place.
+   * @param {object} [passport]  documentNumber, birthDate and expiryDate (YYMMDD) of the passport that is read; without
+   *   it the read is one of an identity card
    * @returns {{code: number, steps: object[], monitors: object[], result: Promise<object>}} `code` is what
-   *   `getIdInfo` returned; `result` settles when the result function is called, so never for a read that ends
-   *   without one
+   *   `getIdInfo` or `getPassportInfo` returned; `result` settles when the result function is called, so
+   *   never for a read that ends without one
    */
-  start() {
-    const read = { steps: [], monitors: [], startedAt: Date.now() };
+  start(passport) {
+    const handler = passport ? 'passportHandler' : 'idCardHandler';
+    const read = { steps: [], monitors: [], startedAt: Date.now(), handler };
     read.result = new Promise((resolve) => {
       read.settle = resolve;
     });
     this.#current = read;
-    read.code = this.module.getIdInfo();
+    if (passport) {
+      const { documentNumber, birthDate, expiryDate } = passport;
+      read.code = this.module.getPassportInfo(documentNumber, birthDate, expiryDate);
+    } else {
+      read.code = this.module.getIdInfo();
+    }
     return read;
   }
 
@@ -108,16 +117,17 @@ export class Reader extends EventEmitter {
    * Configures (when an identity is given), registers (once) and performs one read.
    * @param {object} [options]
    * @param {object} [options.identity]   arguments for `initSdk`, see `init`
+   * @param {object} [options.passport]   the passport to read, see `start`
    * @param {number} [options.timeoutMs]  how long to wait for the result
    * @returns {Promise<{code: number, flag: number, data: any, raw: string|null, monitor: object|null,
-   *   steps: object[], ms: number}>} Without a started read (the code of `initSdk`, a registration or `getIdInfo`
+   *   steps: object[], ms: number}>} Without a started read (the code of `initSdk`, a registration or the start
    *   is not 0) `raw` is null. Rejects when no result comes in time; the error carries the `steps`.
    */
-  async read({ identity, timeoutMs = 60000 } = {}) {
+  async read({ identity, passport, timeoutMs = 60000 } = {}) {
     const code = this.#prepare(identity);
     const refused = (failure) => ({ code: failure, flag: 0, data: '', raw: null, monitor: null, steps: [], ms: 0 });
     if (code !== 0) return refused(code);
-    const read = this.start();
+    const read = this.start(passport);
     if (read.code !== 0) return refused(read.code);
     const result = await this.#within(timeoutMs, read);
     return { ...result, monitor: read.monitors.at(-1) ?? null, steps: read.steps, ms: Date.now() - read.startedAt };
@@ -174,7 +184,7 @@ export class Reader extends EventEmitter {
       const step = { name, serial, command: hex(command), answer: hex(delivery.data), at, ms: Date.now() - at };
       read?.steps.push(step);
       this.emit('step', step);
-      this.module.idCardHandler(hex(delivery.data), delivery.serial, delivery.status);
+      this.module[read?.handler ?? 'idCardHandler'](hex(delivery.data), delivery.serial, delivery.status);
     });
     this.emit('command', { name, serial, command: hex(command), at });
     return 0;

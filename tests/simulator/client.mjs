@@ -21,14 +21,24 @@ function open(key, data) {
   return bytes(decipher.update(data), decipher.final());
 }
 
-function frame(command, type, parameter, payload) {
+function frame(command, type, parameter, payload, header = '70') {
   const body = bytes(be16(payload.length + 11), command, '00 09', be16(parameter), type, payload);
-  return bytes('70', body, sum(body));
+  return bytes(header, body, sum(body));
 }
 
 function secret(key, command, data, timing = '') {
   const body = bytes(be16(data.length + 10), command, data);
   return frame(command, 'AA', 7, seal(key, bytes('FFFFFF', body, sum(body), 'FEFE', timing)));
+}
+
+const be32 = (value) => bytes(be16(Math.floor(value / 65536)), be16(value % 65536));
+
+/** The long form, for a passport: four bytes for each length, and a token in front of what is encrypted. */
+function longSecret(key, command, data, token = '') {
+  const inner = bytes(be32(data.length + 12), command, data);
+  const payload = bytes(token, seal(key, bytes('FFFFFF', inner, sum(inner), 'FEFE')));
+  const body = bytes(be32(payload.length + 13), command, '00 09 0007 AA', payload);
+  return bytes('72', body, sum(body));
 }
 
 /** One conversation. `card` holds a card's secrets as hexadecimal text. */
@@ -37,24 +47,27 @@ export class Client {
   #waiting = [];
   #received = Buffer.alloc(0);
 
-  constructor({ identity, protocolKey, card }) {
-    Object.assign(this, { identity, protocolKey: bytes(protocolKey, fold(bytes(protocolKey))), card });
+  constructor({ identity, protocolKey, card, header = '70' }) {
+    Object.assign(this, { identity, protocolKey: bytes(protocolKey, fold(bytes(protocolKey))), card, header });
     this.random = randomBytes(16);
     this.key = bytes(this.random, fold(this.random));
   }
 
   connect(port) {
+    this.#received = Buffer.alloc(0);
     this.#socket = connect(port, '127.0.0.1');
-    this.#socket.on('data', (data) => this.#settle(data));
-    this.#socket.on('close', () => this.#settle(null));
-    this.#socket.on('error', () => {});
-    return new Promise((resolve) => this.#socket.once('connect', resolve));
+    const socket = this.#socket;
+    socket.on('data', (data) => this.#settle(data));
+    socket.on('close', () => socket === this.#socket && this.#settle(null));
+    socket.on('error', () => {});
+    return new Promise((resolve) => socket.once('connect', resolve));
   }
 
   #settle(data) {
     if (data) this.#received = bytes(this.#received, data);
-    const whole = this.#received.length >= 3 && this.#received.length >= this.#received.readUInt16BE(1);
-    if (data && !whole) return;
+    const long = this.#received[0] === 0x72 && this.#received.subarray(5, 6).equals(bytes('72')) && this.#received[6] < 3;
+    const whole = () => this.#received.length >= (long ? this.#received.readUInt32BE(1) : this.#received.readUInt16BE(1));
+    if (data && !(this.#received.length >= 7 && whole())) return;
     this.#waiting.shift()?.(data ? this.#received : null);
     this.#received = Buffer.alloc(0);
   }
@@ -78,7 +91,7 @@ export class Client {
     const envelope = bytes('0013', this.random);
     const sealed = seal(this.key, bytes(block, sum(block)));
     const body = bytes('10', Buffer.from(appid), sealed, seal(this.protocolKey, bytes(envelope, sum(envelope))));
-    return frame('7500', 'A8', sealed.length + 28, body);
+    return frame('7500', 'A8', sealed.length + 28, body, this.header);
   }
 
   /** Takes the session's key, business id and timing switch from the answer to `authentication`. */
@@ -128,8 +141,37 @@ export class Client {
     return secret(this.key, '6113', bytes(this.card.file6013, 'FF'.repeat(64)), timing);
   }
 
-  monitor(text) {
+  /** 0x7201: the same opening as 0x5001. */
+  start({ byteC = '00' } = {}) {
+    const { sn, decodeMode, readMode } = this.identity;
+    const byteA = [(readMode === 1 ? 16 : 0) + decodeMode];
+    return longSecret(this.key, '7201', bytes('01020304', [sn.length], Buffer.from(sn), byteA, '11', byteC));
+  }
+
+  /** Keeps the token of the answer to `start`. */
+  takeToken(answer) {
+    this.token = open(this.key, answer.subarray(13, -1));
+    return this.token;
+  }
+
+  /** 0x7202. `files` by identifier; `change` may replace parts of the request, `token` what stands in front. */
+  files(files, { answer = '', challenge = '00'.repeat(8), times = '00000000', token = this.token, tail = '',
+    change = {} } = {}) {
+    const block = (data) => bytes(be16(bytes(data ?? '').length), data ?? '');
+    const slots = [...Array.from({ length: 16 }, (_, i) => 0x101 + i), 0x11d];
+    const data = bytes(...slots.map((id) => change[id] ?? block(files.get(id))), block(answer), challenge,
+      change[0x11e] ?? block(files.get(0x11e)), times, tail);
+    return longSecret(this.key, '7202', data, token);
+  }
+
+  /** Flag byte and data of a long answer. */
+  documentOf(answer) {
+    const payload = answer.subarray(13, -1);
+    return { flag: payload[0], data: payload[0] === 1 ? open(this.key, payload.subarray(1)) : payload.subarray(1) };
+  }
+
+  monitor(text, prefix = '00'.repeat(16)) {
     const report = bytes(be16(Buffer.byteLength(text) + 3), Buffer.from(text));
-    return frame('7219', '19', 7, bytes('00'.repeat(16), seal(this.key, bytes(report, sum(report)))));
+    return frame('7219', '19', 7, bytes(prefix, seal(this.key, bytes(report, sum(report)))), this.header);
   }
 }

@@ -5,7 +5,7 @@
 import { Difference } from '../difference.mjs';
 import { DecodeServer } from '../decode-server/server.mjs';
 
-const kEvents = ['connection', 'exchange', 'monitor', 'difference'];
+const kEvents = ['connection', 'exchange', 'monitor', 'verification', 'difference'];
 const plain = (subject) => (subject instanceof Difference ? subject.toJSON() : subject);
 
 let server;

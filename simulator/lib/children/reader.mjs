@@ -1,24 +1,34 @@
-// A reader application with a card in a process of its own. The parent sends { read: options } once; the child
+// A reader application with a card or a passport in a process of its own. The parent sends { read: options } once; the child
 // performs one read, sends { event, subject } as things happen, and ends when the parent lets go of it.
 // See ../processes.mjs for the parent's side.
 
 import { CardLink } from '../card-link.mjs';
 import { IdentityCard } from '../identity-card.mjs';
+import { PassportChip } from '../passport/chip.mjs';
+import { unpackPassport } from '../passport-persona.mjs';
 import { Reader } from '../reader.mjs';
 
 function tell(event, subject) {
   if (process.connected) process.send({ event, subject });
 }
 
-async function read({ library, identity, card: secrets, cardDelay, cardRules, timeoutMs }) {
-  const card = new IdentityCard(secrets);
-  const link = new CardLink(card, { delay: cardDelay, rules: cardRules });
+/** What lies on the phone: the passport when there is one, or else a card. */
+function document({ card, passport, identity }) {
+  if (!passport) return new IdentityCard(card);
+  return new PassportChip(passport, { readMode: identity.readMode === 1 ? 1 : 2 });
+}
+
+async function read({ library, identity, card: secrets, passport: plain, claimed, cardDelay, perByte, cardRules,
+  timeoutMs }) {
+  const passport = plain && unpackPassport(plain);
+  const card = document({ card: secrets, passport, identity });
+  const link = new CardLink(card, { delay: cardDelay, perByte, rules: cardRules });
   const reader = new Reader({ library, link });
   card.on('difference', (difference) => tell('card-difference', difference.toJSON()));
   reader.on('difference', (difference) => tell('reader-difference', difference.toJSON()));
   for (const event of ['command', 'step', 'monitor']) reader.on(event, (subject) => tell(event, subject));
   tell('started', { at: Date.now() });
-  tell('result', { ...await reader.read({ identity, timeoutMs }), at: Date.now() });
+  tell('result', { ...await reader.read({ identity, passport: claimed ?? passport, timeoutMs }), at: Date.now() });
 }
 
 process.once('message', (message) => {

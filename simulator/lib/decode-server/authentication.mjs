@@ -5,7 +5,6 @@ import { randomBytes } from 'node:crypto';
 import { FieldReader, fromHex, hex, u8 } from '../bytes.mjs';
 import { decrypt, hostRandom, keyBlock, sm3 } from '../crypto.mjs';
 import { Difference } from '../difference.mjs';
-import { HEADER } from './frames.mjs';
 
 const kCommand = '0x7500';
 const kAppid = 20;
@@ -112,7 +111,7 @@ function reply(session) {
   return {
     key: session.clientKey,
     code: 0x7500,
-    header: HEADER.identityCard,
+    header: session.header,
     opaque: randomBytes(opaqueLength),
     block: {
       key,

@@ -15,10 +15,9 @@ function secretReply(session, code, secretCode, data) {
   return { key: session.key, code, header: HEADER.identityCard, secret: { code: secretCode, data } };
 }
 
-/** 0x5001: who asks, in what mode, and the card's management data. */
-function readFirst(session, request) {
-  const { persona, config: { card } } = session;
-  const r = new FieldReader(parseSecret(request, session.key).data, request.command);
+/** How the first command after server authentication begins, for either document: who asks, and in what mode. */
+export function readOpening(session, r) {
+  const { persona } = session;
   const random = r.take('random bytes', 4);
   checkHostRandom(session, 'random bytes', random);
   const sn = readDeviceId(persona, r);
@@ -35,15 +34,11 @@ function readFirst(session, request) {
     low: ['third query-info parameter', query[2], 1],
     high: ['second query-info parameter', query[1], 1],
   });
-  r.expect('byte before the card bytes', '20');
-  const managementData = r.expectIfKnown('management data', card.managementData, 32);
-  r.done();
-  session.managementData = Buffer.from(managementData);
   session.readMode = modes.high;
   session.decodeMode = modes.low;
   return {
     random: hex(random), sn, decodeMode: modes.low, readMode: modes.high, frameFlag: flags.high,
-    queryInfo: [flags.low, rest.high, rest.low], managementData: hex(managementData),
+    queryInfo: [flags.low, rest.high, rest.low],
   };
 }
 
@@ -57,6 +52,17 @@ function readNibbles(r, what, { low, high }) {
     throw new Difference(r.at, `${what} (${high[0]}, ${low[0]})`, `0x${wanted}`, `0x${shown}`);
   }
   return { low: byte & 0x0f, high: byte >> 4 };
+}
+
+/** 0x5001: the opening and the card's management data. */
+function readFirst(session, request) {
+  const r = new FieldReader(parseSecret(request, session.key).data, request.command);
+  const opening = readOpening(session, r);
+  r.expect('byte before the card bytes', '20');
+  const managementData = r.expectIfKnown('management data', session.config.card.managementData, 32);
+  r.done();
+  session.managementData = Buffer.from(managementData);
+  return { ...opening, managementData: hex(managementData) };
 }
 
 /** The server's challenge; the reader makes it an INTERNAL AUTHENTICATE for the card. */

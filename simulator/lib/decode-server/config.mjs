@@ -2,6 +2,8 @@
 
 import { fromHex, hex } from '../bytes.mjs';
 import { DEVELOPMENT_CARD_KEY, SPECIMEN_PERSON } from '../persona.mjs';
+import { HEADER } from './frames.mjs';
+import { completePassport } from './passport-files.mjs';
 
 const DEFAULTS = {
   host: '127.0.0.1', // where to listen
@@ -12,12 +14,17 @@ const DEFAULTS = {
   //                    queryInfo, frameFlag); what is undefined is checked in its structure only
   card: {}, //          the card's secrets: cardKey, managementData, file6011, file6012, file6013 (hexadecimal)
   //                    and proofLength (8 or 18); what is undefined is taken as the reader sends it
+  document: undefined, // 'identityCard' or 'passport': what must be read; undefined: either
+  passport: undefined, // the passport: { files: by name ("DG1", "EF.COM"), bytes or hexadecimal; statuses: by name, where
+  //                    reading does not end with "9000"; verification: { activeAuthentication: 'passed', ... }: what
+  //                    must come of it; authority: certificate of who has issued the signer's }; undefined: any passport
+  token: undefined, //  what 0x7201 hands out, hexadecimal, up to 16 bytes; undefined: random
   timing: false, //     ask the reader to time the card
   opaqueLength: 0, //   opaque bytes in front of the 0x7500 answer
   businessId: 'SIMULATED-READ-000001',
   newStickCardId: 'C0FFEE00000000000000000000000001',
   person: SPECIMEN_PERSON, // who is decoded
-  answers: {}, //       other answers of '0x6002', '0x6102' and '0x6113', see decode-commands.mjs
+  answers: {}, //       other answers of '0x6002', '0x6102', '0x6113' and '0x7202', see decode-commands.mjs
   path: undefined, //   'fast' or 'slow': the way of card authentication that the reader must take
   hostTimes: undefined, // () => all readings of the host's clock so far; makes the reader's random bytes checkable
   monitorText: 'exact', // 'record': other spacing will do; 'any': not looked at
@@ -41,6 +48,11 @@ export function completeConfig(partial) {
     .map(([name, value]) => [name, typeof value === 'number' ? value : asBytes(value)]);
   config.card = { cardKey: fromHex(DEVELOPMENT_CARD_KEY), ...Object.fromEntries(secrets) };
   config.card.cardKey = hex(config.card.cardKey);
+  config.passport = completePassport(config.passport);
+  if (config.document !== undefined && !(config.document in HEADER)) {
+    throw new TypeError(`document cannot be ${JSON.stringify(config.document)}`);
+  }
+  if (config.token !== undefined && !(config.token.length <= 32)) throw new TypeError('token is longer than 16 bytes');
   if (!/^(close|silence|reset|status:[0-9a-fA-F]{6})$/.test(config.onDifference)) {
     throw new TypeError(`onDifference cannot be ${JSON.stringify(config.onDifference)}`);
   }

@@ -4,7 +4,7 @@
 import { setTimeout as sleep } from 'node:timers/promises';
 import { commandName, fromHex, hex } from '../bytes.mjs';
 import { Difference } from '../difference.mjs';
-import { encodeReply, requestLength } from './frames.mjs';
+import { codeOf, encodeReply, requestLength } from './frames.mjs';
 import { applyRules } from './misbehaviour.mjs';
 import { Session } from './session.mjs';
 
@@ -15,6 +15,7 @@ export class Connection {
   #index = 0;
   #busy = false;
   #deaf = false; // nothing that comes is looked at any more
+  #hungUp = false; // the reader has closed its side
   #ended = new AbortController();
 
   /**
@@ -29,11 +30,16 @@ export class Connection {
     this.session = new Session(server.config);
     socket.setNoDelay(true);
     socket.on('data', (bytes) => this.#receive(bytes));
-    socket.on('end', () => this.#checkLeftover());
+    socket.on('end', () => {
+      this.#hangUp();
+      this.#checkLeftover();
+    });
     socket.on('error', () => {}); // a reader may reset its connection; 'close' follows
     socket.on('close', () => {
       this.#ended.abort();
-      server.report('connection', { connection: number, state: 'closed', monitored: this.session.monitored });
+      this.#hangUp();
+      const { monitored, awaited } = this.session;
+      server.report('connection', { connection: number, state: 'closed', monitored, awaited });
     });
     const remote = `${socket.remoteAddress}:${socket.remotePort}`;
     server.report('connection', { connection: number, state: 'open', remote });
@@ -93,7 +99,7 @@ export class Connection {
 
   async #exchange(request) {
     const exchange = {
-      connection: this.number, index: this.#index, command: commandName(request.readUInt16BE(3)),
+      connection: this.number, index: this.#index, command: commandName(codeOf(request)),
       request: Buffer.from(request), response: null, receivedAt: Date.now(), answeredAt: null, fields: null, rules: [],
     };
     this.#index += 1;
@@ -103,6 +109,7 @@ export class Connection {
     }
     let handled;
     try {
+      if (exchange.index === 0) this.session = this.#server.continued(request) ?? this.session;
       handled = this.session.handle(request);
     } catch (error) {
       if (!(error instanceof Difference)) throw error;
@@ -123,6 +130,8 @@ export class Connection {
     if (command === '0x7219') {
       this.#server.report('monitor', { connection: this.number, raw: fields.raw, record: fields.record });
     }
+    if (command === '0x7201' && this.session.mayReturn) this.#server.keep(this.session);
+    if (fields.verification) this.#server.report('verification', { connection: this.number, ...fields.verification });
     const sent = await this.#deliver(wire, plan.delivery);
     exchange.response = sent;
     exchange.answeredAt = sent ? Date.now() : null;
@@ -148,6 +157,11 @@ export class Connection {
     return bytes.subarray(0, at);
   }
 
+  #hangUp() {
+    if (!this.#hungUp) this.session.left();
+    this.#hungUp = true;
+  }
+
   #pause(ms) {
     return ms > 0 ? sleep(ms, undefined, { signal: this.#ended.signal }).catch(() => {}) : undefined;
   }
@@ -162,8 +176,8 @@ export class Connection {
     const [what, status] = this.#server.config.onDifference.split(':');
     let response = null;
     this.#received = Buffer.alloc(0); // where the next request begins is no longer certain
-    if (what === 'status' && request.length >= 5) {
-      response = encodeReply({ code: request.readUInt16BE(3), header: request[0], status: fromHex(status) });
+    if (what === 'status' && request.length >= 7) {
+      response = encodeReply({ code: codeOf(request), header: request[0], status: fromHex(status) });
       this.#socket.write(response);
     } else {
       this.#deaf = true;

@@ -1,6 +1,6 @@
 // Decode commands 0x6002, 0x6102 and 0x6113: the card's files come in, the decoded person goes out.
 
-import { FieldReader, fromHex, u16, u8 } from '../bytes.mjs';
+import { commandName, FieldReader, fromHex, u8 } from '../bytes.mjs';
 import { Difference } from '../difference.mjs';
 import { HEADER, parseSecret } from './frames.mjs';
 
@@ -19,13 +19,17 @@ function takeFiles(session, r) {
   return { file6011: file6011.toString('hex'), file6012: file6012.toString('hex') };
 }
 
-/** Average answer time of the card and time spent on its files, in milliseconds; both 0 without timing. */
-function readTiming(session, trailing, at) {
-  const r = new FieldReader(trailing, at);
+/**
+ * Average answer time of the card and time spent on its files, in milliseconds; both 0 without timing. Neither can be
+ * longer than the read has taken, by the host's clock when its readings are known.
+ */
+export function readTiming(session, r) {
   const timing = { cardTime: r.u16('card answer time'), fileTime: r.u16('file reading time') };
-  const most = session.config.timing ? session.age() + kTimingSlack : 0;
+  const times = session.config.hostTimes?.();
+  const span = times ? Math.max(...times) - Math.min(...times) : session.age() + kTimingSlack;
+  const most = session.config.timing ? span : 0;
   for (const [what, value] of [['card answer time', timing.cardTime], ['file reading time', timing.fileTime]]) {
-    if (value > most) throw new Difference(at, what, `at most ${most} ms`, `${value} ms`);
+    if (value > most) throw new Difference(r.at, what, `at most ${most} ms`, `${value} ms`);
   }
   return timing;
 }
@@ -43,7 +47,7 @@ function readFull(session, request) {
   const files = takeFiles(session, r);
   r.expect('bytes behind the files', kTail);
   r.done();
-  return { ...files, ...readTiming(session, trailing, request.command) };
+  return { ...files, ...readTiming(session, new FieldReader(trailing, request.command)) };
 }
 
 function readLast(session, request) {
@@ -52,7 +56,7 @@ function readLast(session, request) {
   const file6013 = r.expectIfKnown('file 6013', session.config.card.file6013, 1024);
   r.expect('bytes behind the file', kTail);
   r.done();
-  return { file6013: file6013.toString('hex'), ...readTiming(session, trailing, request.command) };
+  return { file6013: file6013.toString('hex'), ...readTiming(session, new FieldReader(trailing, request.command)) };
 }
 
 /**
@@ -80,13 +84,13 @@ function encodeTag(tag) {
 
 /**
  * The content of a result answer: { flag: 1, tags: [...] }, or { flag, data } with hexadecimal `data`.
- * Without either, the configured person is sent.
+ * Without either, a document of type `idType` with this `info` is sent.
  */
-function encodeResult(config, answer) {
+function encodeResult(answer, { idType, info }) {
   const { flag = 1, tags, data } = answer ?? {};
   if (data !== undefined) return { flag, data: fromHex(data) };
   if (flag !== 1) return { flag, data: Buffer.alloc(0) };
-  return { flag, data: Buffer.concat((tags ?? [{ idType: 1 }, { info: config.person }]).map(encodeTag)) };
+  return { flag, data: Buffer.concat((tags ?? [{ idType }, { info }]).map(encodeTag)) };
 }
 
 function replyShort(session) {
@@ -94,17 +98,18 @@ function replyShort(session) {
   return { key: session.key, code: 0x6002, header: HEADER.identityCard, secret: { code: 0x6002, data } };
 }
 
-function replyResult(code, command) {
-  return (session) => {
-    const answer = session.config.answers[command];
-    const reply = { key: session.key, code, header: HEADER.identityCard, type: kResultType };
-    if (answer?.status !== undefined) return { ...reply, status: fromHex(answer.status) };
-    return { ...reply, flagged: encodeResult(session.config, answer) };
-  };
+/** The answer with a result: what is configured for this command, or else the `decoded` document. */
+export function resultReply(session, code, decoded) {
+  const answer = session.config.answers[commandName(code)];
+  const reply = { key: session.key, code, header: session.header, type: kResultType };
+  if (answer?.status !== undefined) return { ...reply, status: fromHex(answer.status) };
+  return { ...reply, flagged: encodeResult(answer, decoded) };
 }
+
+const replyPerson = (code) => (session) => resultReply(session, code, { idType: 1, info: session.config.person });
 
 export const DECODE_COMMANDS = {
   '0x6002': { read: readShort, reply: replyShort },
-  '0x6102': { read: readFull, reply: replyResult(0x6102, '0x6102') },
-  '0x6113': { read: readLast, reply: replyResult(0x6113, '0x6113') },
+  '0x6102': { read: readFull, reply: replyPerson(0x6102) },
+  '0x6113': { read: readLast, reply: replyPerson(0x6113) },
 };

@@ -16,8 +16,17 @@ const kUsualType = 0xaa;
 
 /** Commands whose length fields have four bytes instead of two. */
 const kLongForm = [0x7201, 0x7202];
+const kWithToken = [0x7202, 0x7219];
 const isLong = (code) => kLongForm.includes(code);
 const lengthField = (code, length) => (isLong(code) ? u32(length) : u16(length));
+
+/** How long a frame with these fields is. */
+export const frameLength = (f) => f.payload.length + (isLong(f.form ?? f.code) ? 14 : 12);
+
+const isLongRequest = (bytes) => bytes[0] === HEADER.passport && isLong(bytes.readUInt16BE(5));
+
+/** The command code of a request of which at least seven bytes are there. */
+export const codeOf = (bytes) => bytes.readUInt16BE(isLongRequest(bytes) ? 5 : 3);
 
 const kSmallestRequest = 12;
 const kLargestRequest = 1 << 20;
@@ -31,12 +40,19 @@ export function requestLength(bytes) {
     throw new Difference('request', 'header byte', '70, 71 or 72', bytes[0].toString(16).toUpperCase());
   }
   if (bytes.length < 7) return 0;
-  const long = bytes[0] === HEADER.passport && isLong(bytes.readUInt16BE(5));
-  const length = long ? bytes.readUInt32BE(1) : bytes.readUInt16BE(1);
+  const length = isLongRequest(bytes) ? bytes.readUInt32BE(1) : bytes.readUInt16BE(1);
   if (length < kSmallestRequest || length > kLargestRequest) {
     throw new Difference('request', 'length field', `${kSmallestRequest} to ${kLargestRequest}`, length);
   }
   return length;
+}
+
+/** The token in front of what a passport's reader sends when it comes back: { code, token }; else undefined. */
+export function tokenOf(bytes) {
+  const code = codeOf(bytes);
+  if (bytes[0] !== HEADER.passport || !kWithToken.includes(code)) return undefined;
+  const start = isLong(code) ? 12 : 10;
+  return { code, token: bytes.subarray(start, start + 16) };
 }
 
 /**
@@ -46,8 +62,7 @@ export function requestLength(bytes) {
  * @returns {{command: string, code: number, parameter: number, payload: Buffer}}
  */
 export function parseRequest(bytes, header) {
-  const long = bytes[0] === HEADER.passport && isLong(bytes.readUInt16BE(5));
-  const code = bytes.readUInt16BE(long ? 5 : 3);
+  const code = codeOf(bytes);
   const command = commandName(code);
   const r = new FieldReader(bytes, command);
   r.expect('header byte', u8(header));
@@ -101,9 +116,8 @@ function encodeSecret(f) {
 }
 
 function encodeFrame(f) {
-  const form = f.form ?? f.code;
-  const length = f.payload.length + (isLong(form) ? 14 : 12);
-  const header = [lengthField(form, f.length ?? length), u16(f.code), f.status, u16(f.parameter), u8(f.type)];
+  const length = lengthField(f.form ?? f.code, f.length ?? frameLength(f));
+  const header = [length, u16(f.code), f.status, u16(f.parameter), u8(f.type)];
   const body = Buffer.concat([...header, f.payload]);
   return Buffer.concat([u8(f.header), body, u8(f.checksum ?? sum8(body))]);
 }
@@ -114,13 +128,14 @@ function encodeFrame(f) {
  * A reply names its `code`, `header`, `status` (three bytes) and its content, one of
  *   block    fields of the server-authentication answer, behind `opaque` bytes; encrypted
  *   secret   { code, data } of a secret command frame; encrypted
+ *   sealed   bytes, encrypted as they are
  *   flagged  { flag, data }: the flag byte in plain, the data encrypted when the flag is 1
  *   none     an empty payload
  *
  * @param {object} reply
  * @param {object} key      the key block to encrypt under
- * @param {(stage: string, value: any) => any} change  sees the value of each stage (`block`, `secret`, `flagged`,
- *   `padded`, `payload`, `frame`, `wire`) and returns what takes its place
+ * @param {(stage: string, value: any) => any} change  sees the value of each stage (`block`, `secret`, `sealed`,
+ *   `flagged`, `padded`, `payload`, `frame`, `wire`) and returns what takes its place
  */
 export function encodeReply(reply, key, change = (_stage, value) => value) {
   const sealed = (plain) => encryptWhole(key, change('padded', pad(plain)));
@@ -131,6 +146,8 @@ export function encodeReply(reply, key, change = (_stage, value) => value) {
   } else if (reply.secret) {
     const fields = { start: Buffer.alloc(3, 0xff), end: Buffer.alloc(2, 0xfe), ...reply.secret };
     payload = sealed(encodeSecret(change('secret', fields)));
+  } else if (reply.sealed) {
+    payload = sealed(change('sealed', reply.sealed));
   } else if (reply.flagged) {
     const { flag, data } = change('flagged', { ...reply.flagged });
     payload = Buffer.concat([u8(flag), flag === 1 ? sealed(data) : data]);

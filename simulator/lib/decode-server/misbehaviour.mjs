@@ -10,9 +10,11 @@
 // Several rules may meet in one answer; they are applied in their order.
 
 import { commandName, fromHex, u16 } from '../bytes.mjs';
+import { frameLength } from './frames.mjs';
 
 const kReaderPatience = 4999; // ms; a reader gives up on an answer after this
 const kLargestField = 0xffff;
+const kTokenTooLong = '17'.repeat(17);
 
 const fixed = (field, value) => (fields) => ({ ...fields, [field]: value });
 const drop = (bytes, count) => bytes.subarray(0, Math.max(0, bytes.length - count));
@@ -47,8 +49,8 @@ function blockSum(fields) {
 export const MALFORMED = {
   // the command frame
   headerByte: { stage: 'frame', change: (f, rule) => ({ ...f, header: rule.byte ?? 0x71 }) },
-  lengthShort: { stage: 'frame', change: (f) => ({ ...f, length: f.payload.length + 12 - 1 }) },
-  lengthLong: { stage: 'frame', change: (f) => ({ ...f, length: f.payload.length + 12 + 1 }) },
+  lengthShort: { stage: 'frame', change: (f) => ({ ...f, length: frameLength(f) - 1 }) },
+  lengthLong: { stage: 'frame', change: (f) => ({ ...f, length: frameLength(f) + 1 }) },
   lengthHuge: { stage: 'frame', change: fixed('length', kLargestField) },
   commandCode: { stage: 'frame', change: (f, rule) => ({ ...f, code: rule.code ?? f.code ^ 0x0001 }) },
   errorCommand: {
@@ -70,6 +72,8 @@ export const MALFORMED = {
   secretEnd: { stage: 'secret', change: fixed('end', fromHex('FEFD')) },
   secretEmpty: { stage: 'secret', change: fixed('data', Buffer.alloc(0)) },
   secretData: { stage: 'secret', change: (f, rule) => ({ ...f, data: fromHex(rule.bytes) }) },
+  // the token of the 0x7201 answer
+  token: { stage: 'sealed', change: (_token, rule) => fromHex(rule.bytes ?? kTokenTooLong) },
   // padding and encryption
   notBlockMultiple: { stage: 'payload', change: (payload, rule) => drop(payload, rule.bytes ?? 1) },
   badPadding: { stage: 'padded', change: (padded, rule) => withLastByte(padded, rule.byte ?? 0xff) },

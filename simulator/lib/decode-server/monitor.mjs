@@ -5,14 +5,17 @@ import { decrypt } from '../crypto.mjs';
 import { Difference } from '../difference.mjs';
 import { parseMonitorRecord } from '../monitor-record.mjs';
 import { HEADER } from './frames.mjs';
+import { checkStatusText, endedBadly } from './passport-files.mjs';
 
-const kNoPrefix = Buffer.alloc(16);
 const kCardAnswered = 0x9000;
 const kMostErrorCommand = 32; // bytes of the failed card command
+const kCardTypes = { [HEADER.identityCard]: 0, [HEADER.passport]: 1 };
 
 function read(session, request) {
   const outer = new FieldReader(request.payload, request.command);
-  outer.expect('report prefix', kNoPrefix);
+  const [usual, ...others] = session.reportPrefixes;
+  const prefix = request.payload.subarray(0, usual.length);
+  outer.expect('report prefix', others.find((other) => other.equals(prefix)) ?? usual);
   const plain = decrypt(session.key, outer.take('encrypted report', outer.left), request.command, 'the report');
   const r = new FieldReader(plain, request.command);
   r.expect('length of the report', u16(plain.length));
@@ -29,15 +32,15 @@ function checkRecord(session, record, at) {
   const { config } = session;
   const wanted = {
     reqid: config.businessId,
-    card_type: 0,
+    card_type: kCardTypes[session.header],
     device_id: session.persona.sn,
     appid: session.persona.appid,
-    sod_file: '',
     stickCard_id: config.newStickCardId.toUpperCase(),
   };
   for (const [key, value] of Object.entries(wanted)) {
     if (value !== undefined && record[key] !== value) throw new Difference(at, `"${key}"`, value, record[key]);
   }
+  checkStatusText(record.sod_file, session.received, config.passport?.statuses, at);
   checkResult(session.outcome(), record, at);
   const command = record.nfc_err_cmd;
   if (!/^([0-9A-F]{2})*$/.test(command) || command.length > 2 * kMostErrorCommand) {
@@ -46,7 +49,8 @@ function checkRecord(session, record, at) {
   if (record.nfc_err_code < 0 || record.nfc_err_code > 0xffffffff) {
     throw new Difference(at, '"nfc_err_code"', '0 to 4294967295', record.nfc_err_code);
   }
-  if (record.result_code === 0 && (record.nfc_err_code !== kCardAnswered || command !== '')) {
+  const mayFail = session.received && endedBadly(session.received);
+  if (record.result_code === 0 && !mayFail && (record.nfc_err_code !== kCardAnswered || command !== '')) {
     throw new Difference(at, '"nfc_err_code" and "nfc_err_cmd" of a good read', `${kCardAnswered} and nothing`,
       `${record.nfc_err_code} and ${command || 'nothing'}`);
   }
@@ -61,7 +65,7 @@ function checkResult(outcome, record, at) {
 
 function reply(session) {
   return {
-    key: session.key, code: 0x7219, header: HEADER.identityCard, secret: { code: 0x7219, data: Buffer.alloc(1) },
+    key: session.key, code: 0x7219, header: session.header, secret: { code: 0x7219, data: Buffer.alloc(1) },
   };
 }
 

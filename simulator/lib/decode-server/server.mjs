@@ -3,23 +3,32 @@
 import { EventEmitter } from 'node:events';
 import { createServer } from 'node:net';
 import { completeConfig } from './config.mjs';
+import { commandName, hex } from '../bytes.mjs';
+import { Difference } from '../difference.mjs';
 import { Connection } from './connection.mjs';
+import { tokenOf } from './frames.mjs';
 import { Misbehaviour } from './misbehaviour.mjs';
 
+const kMostKept = 1000; // conversations whose reader may still come back
+
 /**
- * A decode server for resident identity cards.
+ * A decode server for resident identity cards and passports.
  *
- * Records: `exchanges`, `monitors`, `differences`, `connections`. Events, with the same objects:
+ * Records: `exchanges`, `monitors`, `verifications`, `differences`, `connections`. Events, with the same objects:
  *   'exchange'    { connection, index, command, request, response, receivedAt, answeredAt, fields, rules }
  *                 request and response are bytes; `response` is null when none was sent
  *   'monitor'     { connection, raw, record }: the text as it came, and parsed
+ *   'verification' { connection, passiveAuthentication, activeAuthentication, signature, signer, hashes } of a passport,
+ *                 see passport-verification.mjs
  *   'difference'  a Difference (see difference.mjs) with the number of its `connection`
- *   'connection'  { connection, state: 'open' | 'closed', ... }
+ *   'connection'  { connection, state: 'open' | 'closed', ... }; of a closed one, whether its conversation has been
+ *                 `monitored`, and whether its reader is `awaited` on another
  */
 export class DecodeServer extends EventEmitter {
   #listener = null;
   #open = new Set();
   #count = 0;
+  #kept = new Map(); // conversations about passports, by token
 
   /** @param {object} config  settings as described in config.mjs */
   constructor(config) {
@@ -39,6 +48,7 @@ export class DecodeServer extends EventEmitter {
   clear() {
     this.exchanges = [];
     this.monitors = [];
+    this.verifications = [];
     this.differences = [];
     this.connections = [];
   }
@@ -70,10 +80,30 @@ export class DecodeServer extends EventEmitter {
     this.#listener = null;
   }
 
+  /** Keeps a conversation for the connection on which its reader comes back. */
+  keep(session) {
+    this.#kept.set(hex(session.token), session);
+    if (this.#kept.size > kMostKept) this.#kept.delete(this.#kept.keys().next().value);
+  }
+
+  /**
+   * The conversation that the first request of a connection goes on with: its token says which. Nothing for a request
+   * that begins a new one. Throws a Difference.
+   */
+  continued(request) {
+    const found = tokenOf(request);
+    if (!found) return undefined;
+    const { code, token } = found;
+    const session = this.#kept.get(hex(token));
+    if (!session) throw new Difference(commandName(code), 'token', 'one that 0x7201 has handed out', hex(token));
+    session.resume(commandName(code));
+    return session;
+  }
+
   /** Where the connections report to. */
   report(event, subject, connection) {
-    const kept = { exchange: this.exchanges, monitor: this.monitors, difference: this.differences,
-      connection: this.connections }[event];
+    const kept = { exchange: this.exchanges, monitor: this.monitors, verification: this.verifications,
+      difference: this.differences, connection: this.connections }[event];
     if (event === 'difference') subject.connection = connection;
     kept.push(subject);
     this.emit(event, subject);

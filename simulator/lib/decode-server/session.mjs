@@ -7,17 +7,19 @@ import { CARD_COMMANDS } from './card-commands.mjs';
 import { DECODE_COMMANDS } from './decode-commands.mjs';
 import { HEADER, parseRequest } from './frames.mjs';
 import { MONITOR } from './monitor.mjs';
+import { PASSPORT_COMMANDS } from './passport-commands.mjs';
 import { resultOfStatus } from './status.mjs';
 
-const COMMANDS = { ...AUTHENTICATION, ...CARD_COMMANDS, ...DECODE_COMMANDS, ...MONITOR };
+const COMMANDS = { ...AUTHENTICATION, ...CARD_COMMANDS, ...DECODE_COMMANDS, ...PASSPORT_COMMANDS, ...MONITOR };
 
 /**
- * What may follow each command that was answered well. The monitor report may follow anything but the start.
- * After card authentication the application's read mode decides between 0x6002 and 0x6102.
+ * What may follow each command that was answered well. The monitor report may follow anything but the start. The kind of
+ * document decides what follows 0x7500; after card authentication the application's read mode decides between 0x6002 and
+ * 0x6102. After 0x7201 the reader hangs up, and what follows comes on a new connection.
  */
 const NEXT = {
   start: ['0x7500'],
-  '0x7500': ['0x5001'],
+  '0x7500': { [HEADER.identityCard]: ['0x5001'], [HEADER.passport]: ['0x7201'] },
   '0x5001': ['0x5012', '0x5032'],
   '0x5012': ['0x5022'],
   '0x5022': ['0x6002', '0x6102'],
@@ -25,11 +27,14 @@ const NEXT = {
   '0x6002': ['0x6113'],
   '0x6102': [],
   '0x6113': [],
+  '0x7201': ['0x7202'],
+  '0x7202': [],
 };
 const kFirstDecode = { 0: '0x6002', 1: '0x6102' }; // by read mode flag
 const kPathOf = { fast: '0x5032', slow: '0x5012' };
 const kUnknownFlag = -35006;
-const kResults = ['0x6102', '0x6113'];
+const kResults = ['0x6102', '0x6113', '0x7202'];
+const kNoToken = Buffer.alloc(16);
 
 export class Session {
   #allowed = NEXT.start;
@@ -37,6 +42,9 @@ export class Session {
   #monitored = false;
   #answered = false;
   #began = Date.now();
+  #connections = 1;
+  #attached = true; // the reader is connected
+  #starting = 'not begun'; // how 0x7201 was answered: 'well', 'spoiled' or 'badly'
 
   /** @param {object} config see config.mjs */
   constructor(config) {
@@ -61,6 +69,34 @@ export class Session {
     return this.#monitored;
   }
 
+  /** True while a passport's reader should come back. */
+  get awaited() {
+    return this.#starting === 'well' && !this.#monitored;
+  }
+
+  /** Has the reader got a token, as far as can be told? */
+  get mayReturn() {
+    return ['well', 'spoiled'].includes(this.#starting);
+  }
+
+  /** The reader has hung up. */
+  left() {
+    this.#attached = false;
+  }
+
+  /** The reader has come back on a new connection with this conversation's token. */
+  resume(command) {
+    if (this.#attached) throw new Difference(command, 'connection', 'new after the old one is closed', 'one more');
+    this.#attached = true;
+    this.#connections += 1;
+  }
+
+  /** What may stand in front of the monitor report: the token of 0x7201, or zeros without one. */
+  get reportPrefixes() {
+    const prefixes = { well: [this.token], spoiled: [this.token, kNoToken] };
+    return prefixes[this.#starting] ?? [kNoToken];
+  }
+
   /** True once a server authentication has been answered well. */
   get authenticated() {
     return this.#answered;
@@ -72,19 +108,31 @@ export class Session {
    * Throws a Difference.
    */
   handle(bytes) {
-    const request = parseRequest(bytes, HEADER.identityCard);
+    const request = parseRequest(bytes, this.#headerFor(bytes[0]));
     const { command } = request;
     this.at = command;
     this.#checkOrder(command);
+    this.header ??= bytes[0];
     const fields = COMMANDS[command].read(this, request);
     const reply = COMMANDS[command].reply(this, fields);
     if (command === '0x7219') this.#monitored = true;
     return { command, fields, reply };
   }
 
+  /** The header byte that a request must have: the first one decides, when the kind of document is not configured. */
+  #headerFor(first) {
+    if (this.header !== undefined) return this.header;
+    if (this.config.document) return HEADER[this.config.document];
+    return first === HEADER.passport ? HEADER.passport : HEADER.identityCard;
+  }
+
   #checkOrder(command) {
+    if (this.#starting === 'well' && this.#connections === 1) {
+      throw new Difference(command, 'command', 'nothing more before the reader has connected again', command);
+    }
     if (this.#monitored) throw new Difference(command, 'command', 'nothing after the monitor report', command);
-    const allowed = this.#answered ? [...this.#allowed, '0x7219'] : this.#allowed;
+    const next = this.#allowed.filter((name) => name !== '0x7202' || this.#connections > 1);
+    const allowed = this.#answered ? [...next, '0x7219'] : next;
     if (!allowed.includes(command)) {
       throw new Difference(command, 'command', allowed.join(' or ') || 'nothing more', command);
     }
@@ -99,6 +147,7 @@ export class Session {
   answered(command, status, spoiled) {
     if (command === '0x7219') return;
     const failed = status.some((byte) => byte !== 0);
+    if (command === '0x7201') this.#starting = failed ? 'badly' : spoiled ? 'spoiled' : 'well';
     if (command === '0x7500' && (failed || spoiled)) {
       this.#allowed = [];
       this.#answered = spoiled && !failed;
@@ -120,7 +169,7 @@ export class Session {
   }
 
   #following(command) {
-    const next = NEXT[command];
+    const next = command === '0x7500' ? NEXT[command][this.header] : NEXT[command];
     if (command === '0x5001' && this.config.path) return next.filter((name) => name === kPathOf[this.config.path]);
     if (command === '0x5022' || command === '0x5032') return [kFirstDecode[this.readMode]];
     return next;

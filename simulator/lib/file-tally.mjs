@@ -1,0 +1,54 @@
+// Makes a line per file of the many steps in which a passport's files are read: a SELECT, and READs of a few bytes each.
+
+const kOffsetAt = 2; // in a protected READ BINARY, 0C B0 and the offset; the expected length follows 0D 97 01
+const kLengthAt = 7;
+
+/** How far into its file a READ BINARY under secure messaging goes (ISO/IEC 7816-4: DO97 is in plain). */
+function endOfRead(text) {
+  const command = Buffer.from(text, 'hex');
+  return command.readUInt16BE(kOffsetAt) + command[kLengthAt];
+}
+
+export class FileTally {
+  #current = null;
+  #onStep;
+  #onFile;
+
+  /**
+   * @param {(step: object) => void} onStep  gets every step that does not belong to a file
+   * @param {(file: object) => void} onFile  gets { name, at, ms, bytes, commands, status }: bytes and commands that it
+   *   took, milliseconds from the first command to the last answer, and the last status
+   */
+  constructor(onStep, onFile) {
+    this.#onStep = onStep;
+    this.#onFile = onFile;
+  }
+
+  /** A step of the reader, in order. */
+  step(step) {
+    const [verb, name] = step.name.split(' ');
+    if (verb === 'READ' && this.#current?.name === name) {
+      this.#count(step, endOfRead(step.command));
+    } else {
+      this.flush();
+      if (verb !== 'SELECT' || name === 'APPLICATION') this.#onStep(step);
+      else this.#begin(name, step);
+    }
+  }
+
+  #begin(name, step) {
+    this.#current = { name, at: step.at, bytes: 0, commands: 0 };
+    this.#count(step, 0);
+  }
+
+  #count({ at, ms, answer }, bytes) {
+    const { commands, at: began } = this.#current;
+    Object.assign(this.#current, { bytes, commands: commands + 1, ms: at + ms - began, status: answer.slice(-4) });
+  }
+
+  /** No more comes for the present file. */
+  flush() {
+    if (this.#current) this.#onFile(this.#current);
+    this.#current = null;
+  }
+}
