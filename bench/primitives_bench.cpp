@@ -3,7 +3,8 @@
 //
 // Ciphers: on both sides the key is set once and each message starts from a vector (EVP_CipherInit_ex with a
 // null key). Hashes: each message is hashed from the start (EVP_DigestInit_ex on one context). HMAC: one call
-// from key to MAC on both sides. Runs are repeated in random order; the table has the medians.
+// from key to MAC on both sides. Passports: everything from the bytes of the keys on, on both sides. Runs are
+// repeated in random order; the table has the medians.
 #include <benchmark/benchmark.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
@@ -24,10 +25,12 @@
 #include "crypto/sha1.h"
 #include "crypto/sm3.h"
 #include "crypto/sm4.h"
+#include "openssl_messaging.hpp"
+#include "passport/secure_messaging.h"
 
 namespace {
 
-constexpr std::array<int32_t, 3> kMessageLengths = {64, 1024, 16384};
+constexpr int32_t kFileChunk = 212;  // of one READ BINARY
 constexpr size_t kRoom = 16384 + 64;
 constexpr int kEncrypt = 1;
 constexpr int kDecrypt = 0;
@@ -41,6 +44,7 @@ struct Primitive {
   std::string name;
   Run ours;
   Run openssl;
+  std::vector<int32_t> lengths = {64, 1024, 16384};
 };
 
 constexpr std::array<uint8_t, 24> kKey = {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF,
@@ -105,7 +109,55 @@ Run our_des_cbc(SetKey set_key, Crypt crypt, int32_t mode) {
   };
 }
 
+// A new counter for every message, so that all runs do the same.
+struct Counter {
+  std::array<uint8_t, 8> ssc = {0x88, 0x70, 0x22, 0x12, 0x0C, 0x06, 0xC2, 0x26};
+  uint8_t* data() { return ssc.data(); }
+};
+
+Primitive retail_mac(const std::shared_ptr<OpenSslMessaging>& openssl) {
+  return {"retail MAC",
+          [](const Message& in, int32_t length, Message& out) {
+            create_message_auth_code(in.data(), static_cast<uint32_t>(length), kKey.data(), out.data(), 8);
+          },
+          [openssl](const Message& in, int32_t length, Message& out) {
+            openssl->retail_mac(in.data(), static_cast<size_t>(length), out.data());
+          }};
+}
+
+Primitive protect_command(const std::shared_ptr<OpenSslMessaging>& openssl) {
+  return {"SM protect",
+          [](const Message& in, int32_t length, Message& out) {
+            RP_protect_apdu(in.data(), static_cast<uint32_t>(length) + 5, kKey.data(), kKey.data(),
+                            Counter().data(), 1, out.data(), static_cast<uint32_t>(out.size()));
+          },
+          [openssl](const Message& in, int32_t length, Message& out) {
+            openssl->protect(in.data(), static_cast<size_t>(length) + 5, Counter().data(), out.data());
+          },
+          {kFileChunk}};
+}
+
+// The answer is always the same; it is made beforehand.
+Primitive unprotect_answer(const std::shared_ptr<OpenSslMessaging>& openssl) {
+  const Message data(kFileChunk, 0x5A);
+  Message answer(kFileChunk + 64);
+  answer.resize(openssl->protect_answer(data.data(), data.size(), Counter().data(), answer.data()));
+  return {"SM unprotect",
+          [answer](const Message& /*in*/, int32_t length, Message& out) {
+            const int32_t rc = RP_unprotect_apdu(answer.data(), static_cast<uint32_t>(answer.size()),
+                                                 kKey.data(), kKey.data(), Counter().data(), out.data(),
+                                                 static_cast<uint32_t>(out.size()));
+            require(rc == length, "RP_unprotect_apdu");
+          },
+          [openssl, answer](const Message& /*in*/, int32_t length, Message& out) {
+            const int rc = openssl->unprotect(answer.data(), answer.size(), Counter().data(), out.data());
+            require(rc == length, "OpenSSL's unprotect");
+          },
+          {kFileChunk}};
+}
+
 std::vector<Primitive> primitives() {
+  const auto messaging = std::make_shared<OpenSslMessaging>(kKey.data(), kKey.data());
   return {
       {"SM3", [](const Message& in, int32_t length, Message& out) { TQ_sm3(in.data(), length, out.data()); },
        openssl_digest(EVP_sm3())},
@@ -133,6 +185,9 @@ std::vector<Primitive> primitives() {
        openssl_cipher(EVP_des_ede_cbc(), kEncrypt)},
       {"3DES-CBC decrypt", our_des_cbc<TQ_DES3_CTX>(tq_des3_set2key_dec, tq_des3_crypt_cbc, kDecrypt),
        openssl_cipher(EVP_des_ede_cbc(), kDecrypt)},
+      retail_mac(messaging),
+      protect_command(messaging),
+      unprotect_answer(messaging),
   };
 }
 
@@ -140,7 +195,7 @@ std::vector<Primitive> primitives() {
 void require_equal_results(const Primitive& primitive) {
   Message in(kRoom);
   for (size_t i = 0; i < in.size(); ++i) in[i] = static_cast<uint8_t>(i * 7);
-  for (const int32_t length : kMessageLengths) {
+  for (const int32_t length : primitive.lengths) {
     Message ours(kRoom);
     Message theirs(kRoom);
     primitive.ours(in, length, ours);
@@ -149,8 +204,8 @@ void require_equal_results(const Primitive& primitive) {
   }
 }
 
-void register_runs(const std::string& name, const Run& run) {
-  for (const int32_t length : kMessageLengths) {
+void register_runs(const std::string& name, const Run& run, const std::vector<int32_t>& lengths) {
+  for (const int32_t length : lengths) {
     benchmark::RegisterBenchmark((name + "/" + std::to_string(length)).c_str(),
                                  [run, length](benchmark::State& state) {
                                    const Message in(kRoom, 0x5A);
@@ -180,7 +235,7 @@ class TableReporter : public benchmark::BenchmarkReporter {
   void print_table(const std::vector<Primitive>& all) const {
     std::printf("%-18s %7s %12s %12s %7s\n", "", "bytes", "ours MB/s", "OpenSSL MB/s", "ratio");
     for (const Primitive& primitive : all) {
-      for (const int32_t length : kMessageLengths) {
+      for (const int32_t length : primitive.lengths) {
         const double ours = megabytes_per_second(primitive.name + "/ours/", length);
         const double theirs = megabytes_per_second(primitive.name + "/OpenSSL/", length);
         if (ours > 0 && theirs > 0) {
@@ -221,8 +276,8 @@ int main(int argc, char** argv) {
   const std::vector<Primitive> all = primitives();
   for (const Primitive& primitive : all) {
     require_equal_results(primitive);
-    register_runs(primitive.name + "/ours", primitive.ours);
-    register_runs(primitive.name + "/OpenSSL", primitive.openssl);
+    register_runs(primitive.name + "/ours", primitive.ours, primitive.lengths);
+    register_runs(primitive.name + "/OpenSSL", primitive.openssl, primitive.lengths);
   }
   TableReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);

@@ -1,5 +1,5 @@
 // Writes the first inputs of the fuzz targets, one good case each, to seeds/: node fuzz/make_seeds.mjs
-// The frames are laid out by hand and ciphered with Node's own SM4.
+// The frames are laid out by hand and ciphered with Node's own SM4 and triple DES.
 
 import { createCipheriv } from 'node:crypto';
 import { mkdirSync, writeFileSync } from 'node:fs';
@@ -18,6 +18,34 @@ const seal = (plain) => {
   return Buffer.concat([cipher.update(plain), cipher.final()]);
 };
 const widthOf = (command) => (command === 0x7201 || command === 0x7202 ? 4 : 2);
+
+// Secure messaging: the first key ciphers, the second makes the MAC. Two equal halves make single DES.
+const kZeros = Buffer.alloc(8);
+const kMacKey = hex('101112131415161718191A1B1C1D1E1F');
+const tripleDes = (key, vector, blocks) => {
+  const cipher = createCipheriv('des-ede-cbc', key, vector).setAutoPadding(false);
+  return Buffer.concat([cipher.update(blocks), cipher.final()]);
+};
+const padded = (bytes) => Buffer.concat([bytes, hex('80'), Buffer.alloc(7 - (bytes.length % 8))]);
+const cryptogram = (blocks) => Buffer.concat([hex('87'), number(blocks.length + 1, 1), hex('01'), tripleDes(kKey, kZeros, blocks)]);
+
+function protectedAnswer(counter, objects) {
+  const input = padded(Buffer.concat([hex(counter), objects]));
+  const half = kMacKey.subarray(0, 8);
+  const chain = tripleDes(Buffer.concat([half, half]), kZeros, input.subarray(0, -8)).subarray(-8);
+  return Buffer.concat([objects, hex('8E08'), tripleDes(kMacKey, chain, input.subarray(-8))]);
+}
+
+// The way through an EF.SOD to its list of hashes; all else is as short as may be.
+const element = (tag, ...parts) => {
+  const content = Buffer.concat(parts);
+  return Buffer.concat([hex(tag), number(content.length, 1), content]);
+};
+function securityObject(list) {
+  const object = element('30', hex('020100 3000'), element('30', list));
+  const content = element('30', hex('0600'), element('A0', element('04', object)));
+  return element('77', element('30', hex('0600'), element('A0', element('30', hex('020103 3100'), content))));
+}
 
 function response(command, payload, { type = 0xaa, parameter = 8, status = '000000', code = command } = {}) {
   const width = widthOf(command);
@@ -103,6 +131,38 @@ const seeds = {
     failed: ['FF', hex('6A8200')],
     one: ['FF', hex('02')],
     long: ['FF', hex('AABBCC6A0000')],
+  },
+  secure_messaging: {
+    full: ['00 40 00', protectedAnswer('FFFFFFFFFFFFFF01', Buffer.concat([cryptogram(padded(eight)), hex('99029000')]))],
+    wraps: ['00 FF FF', protectedAnswer('0000000000000000', hex('99029000'))],
+    objects: ['01 40 07', Buffer.concat([cryptogram(padded(eight)), hex('99029000')])],
+    status: ['01 01 08', hex('99029000')],
+    blocks: ['02 FF 09', hex('6014 5F01 0000 0000')],
+    data: ['03 40 0A', eight],
+  },
+  data_groups: {
+    com: ['00 60', hex('6014 5F010430313036 5F3606303430303030 5C026175')],
+    com_long: ['00 02', hex('608119 5F01820004 30313037 5F368106303430303030 5C82000361756F')],
+    sod: ['01 60', securityObject(hex('3007020101 0402AAAA 3007020102 0402BBBB'))],
+    list: ['02 60', hex('3007020101 0402AAAA 3007020102 0402BBBB')],
+  },
+  asn1_reader: {
+    length: ['00 00', hex('82000201FF')],
+    tag: ['00 04', hex('048102 01FF')],
+    integer: ['01 00', hex('0203010203')],
+    boolean: ['02 00', hex('0101FF')],
+    bits: ['03 00', hex('03020780')],
+    sequence: ['04 02', hex('3006 020105 020106')],
+    walk: ['05 00', hex('5F010430313036 7F6182000141 8000')],
+  },
+  passport_file: {
+    short: ['D4', hex('0404 610F0102 040D 030405060708090A0B0C0D0E0F')],
+    chunks: ['04', hex('0404 75810A01 0404 02030405 0404 06070809 0404 0A000000')],
+    files: ['08', hex('0404 61820005 0804 75050102 0405 0102030405 0803 030405')],
+    less: ['08', hex('0402 610F 0403 010203 0400')],
+    blocks: ['D4', hex('0508 610F0102 80000000')],
+    objects: ['D4', hex('0604 99029000')],
+    refused: ['D4', hex('0702 6982 0404 61050102 0703 6A8200')],
   },
 };
 

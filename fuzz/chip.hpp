@@ -1,0 +1,82 @@
+// The chip's side of secure messaging (ICAO Doc 9303-11 section 9.8), put together from single blocks.
+#pragma once
+
+#include <algorithm>
+
+#include "crypto/des.h"
+#include "harness.hpp"
+
+namespace fuzz {
+
+constexpr size_t kBlock = 8;
+
+inline Bytes padded(View bytes) {
+  Bytes blocks(bytes.begin(), bytes.end());
+  blocks.push_back(0x80);
+  while (blocks.size() % kBlock != 0) blocks.push_back(0);
+  return blocks;
+}
+
+inline void append(Bytes& out, View in) {
+  out.insert(out.end(), in.begin(), in.end());
+}
+
+// The answer that follows the counter `ssc`: what the chip says, its own counter being one ahead.
+class Chip {
+ public:
+  Chip(const uint8_t* enc, const uint8_t* mac, const uint8_t* ssc) : ssc_(ssc, ssc + kBlock) {
+    tq_des3_set2key_enc(&enc_, enc);
+    tq_des_setkey_enc(&mac_chain_, mac);
+    tq_des3_set2key_enc(&mac_last_, mac);
+    for (size_t i = kBlock; i > 0 && ++ssc_[i - 1] == 0; --i) {
+    }
+  }
+
+  // Whole blocks.
+  Bytes cryptogram(View content) const {
+    Bytes object = {0x87};
+    const size_t len = content.size() + 1;
+    if (len >= 0x80) object.push_back(len < 0x100 ? 0x81 : 0x82);
+    append_number(object, len, len < 0x100 ? 1 : 2);
+    object.push_back(1);
+    uint8_t chain[kBlock] = {};
+    for (size_t at = 0; at < content.size(); at += kBlock) {
+      for (size_t i = 0; i < kBlock; ++i) chain[i] ^= content[at + i];
+      tq_des3_crypt_ecb(&enc_, chain, chain);
+      append(object, chain);
+    }
+    return object;
+  }
+
+  // With MAC and status words.
+  Bytes answer(View objects) const {
+    Bytes input = ssc_;
+    append(input, objects);
+    input = padded(input);
+    uint8_t chain[kBlock] = {};
+    for (size_t at = 0; at < input.size(); at += kBlock) {
+      for (size_t i = 0; i < kBlock; ++i) chain[i] ^= input[at + i];
+      const bool last = at + kBlock == input.size();
+      last ? tq_des3_crypt_ecb(&mac_last_, chain, chain) : tq_des_crypt_ecb(&mac_chain_, chain, chain);
+    }
+    Bytes out(objects.begin(), objects.end());
+    append(out, Bytes{0x8E, kBlock});
+    append(out, chain);
+    append(out, Bytes{0x90, 0x00});
+    return out;
+  }
+
+  Bytes good_answer(View data) const {
+    Bytes objects = data.empty() ? Bytes{} : cryptogram(padded(data));
+    append(objects, Bytes{0x99, 2, 0x90, 0x00});
+    return answer(objects);
+  }
+
+ private:
+  TQ_DES3_CTX enc_;
+  TQ_DES_CTX mac_chain_;
+  TQ_DES3_CTX mac_last_;
+  Bytes ssc_;
+};
+
+}  // namespace fuzz
