@@ -36,8 +36,9 @@ Reads a simulated resident identity card and a simulated passport through libtqr
   },
   output: { value: 'FILE', text: 'where the library\'s own output goes (default: a new temporary file)' },
 });
-if (!existsSync(options.library)) {
-  fail(`There is no library at ${options.library}. Build it first, or name it with --library.`);
+const { library } = options;
+if (!existsSync(library)) {
+  fail(`There is no library at ${library}. Build it first, or name it with --library.`);
 }
 
 const account = new DemoAccount();
@@ -46,7 +47,7 @@ const file = openSync(output, 'w');
 const identity = { ...DEFAULT_IDENTITY, readMode: options.readMode };
 const common = { identity, output: file };
 const server = { keys: loadKeys(options.keys).decode, delay: options.serverDelay };
-const reader = { library: options.library };
+const reader = { library };
 
 /** Tells what came of a read. */
 function conclude(seen, rows, personTitle) {

@@ -52,12 +52,11 @@ export class Reader extends EventEmitter {
 
   /**
    * @param {object} options
-   * @param {string} [options.library]   path of libtqreader.so
-   * @param {object} [options.card]      the document in the field: an IdentityCard, a PassportChip, or
-   *   whatever responds like one
-   * @param {CardLink} [options.link]    the link to it, for delays and misbehaviour; made from `card` otherwise
-   * @param {() => number} [options.clock]  the time function; default Date.now
-   * @param {(text: string) => any} [options.monitorAnswer]  what the monitor function returns; default the text it got
+   *   `library` (string): path of libtqreader.so;
+   *   `card`: the document in the field, an IdentityCard, a PassportChip, or whatever responds like one;
+   *   `link` (CardLink): the link to it, for delays and misbehaviour, made from `card` otherwise;
+   *   `clock` (() => number): the time function, Date.now if not given;
+   *   `monitorAnswer` ((text) => any): what the monitor function returns, the text it got if not given
    */
   constructor({ library, card, link, clock = Date.now, monitorAnswer = (text) => text } = {}) {
     super();

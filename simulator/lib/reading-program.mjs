@@ -67,6 +67,7 @@ async function readOnce(options, persona, { kind, settings, teller }) {
     differences += 1;
     say(colours.red(`DIFFERENCE found by the ${who}: ${text}`));
   };
+  const { library } = options;
   let server = null;
   if (options.host === undefined) {
     const config = { ...serverConfigOf(persona), document: kind, delay: options.serverDelay || persona.delay };
@@ -78,7 +79,7 @@ async function readOnce(options, persona, { kind, settings, teller }) {
   const address = { ip: options.host ?? server.host, port: options.port ?? server.port };
   const output = options.log === '-' ? 'inherit' : options.log === undefined ? 'ignore' : openSync(options.log, 'w');
   const reader = startReaderProcess({
-    library: options.library, identity: { ...persona.identity, ...address }, ...settings,
+    library, identity: { ...persona.identity, ...address }, ...settings,
     cardDelay: options.cardDelay, cardRules: persona.cardRules, timeoutMs: options.timeout,
   }, output);
   reader.on('card-difference', differ('chip'));
@@ -114,8 +115,9 @@ export async function runReadingProgram(options, prepare) {
     say(`persona written to ${options.savePersona}`);
     return;
   }
-  if (!existsSync(options.library)) {
-    fail(`there is no library at ${options.library}; build it first or name it with --library`);
+  const { library } = options;
+  if (!existsSync(library)) {
+    fail(`there is no library at ${library}; build it first or name it with --library`);
   }
   if (options.host !== undefined && options.port === undefined) fail('--host needs --port');
   try {
