@@ -41,20 +41,20 @@ constexpr size_t kChallengeLength = 8;
 }  // namespace
 
 // What each answer leads to; the row is its serial number.
-const IdCardRead::Step IdCardRead::kSteps[] = {
-    {"REQB", &IdCardRead::on_reqb},
-    {"ATTRIB", &IdCardRead::on_attrib},
-    {"SELECT 6002", &IdCardRead::on_application_selected},
-    {"READ management data", &IdCardRead::on_management_data},
-    {"INTERNAL AUTHENTICATE", &IdCardRead::on_internal_authenticate},
-    {"GET CHALLENGE", &IdCardRead::on_challenge},
-    {"EXTERNAL AUTHENTICATE", &IdCardRead::on_external_authenticate},
-    {"SELECT 6011", &IdCardRead::on_file_6011_selected},
-    {"READ 6011", &IdCardRead::on_file_6011_data},
-    {"SELECT 6012", &IdCardRead::on_file_6012_selected},
-    {"READ 6012", &IdCardRead::on_file_6012_data},
-    {"SELECT 6013", &IdCardRead::on_file_6013_selected},
-    {"READ 6013", &IdCardRead::on_file_6013_data},
+const IdCardRead::Handler IdCardRead::kHandlers[] = {
+    &IdCardRead::on_reqb,                   // REQB
+    &IdCardRead::on_attrib,                 // ATTRIB
+    &IdCardRead::on_application_selected,   // SELECT 6002
+    &IdCardRead::on_management_data,        // READ management data
+    &IdCardRead::on_internal_authenticate,  // INTERNAL AUTHENTICATE
+    &IdCardRead::on_challenge,              // GET CHALLENGE
+    &IdCardRead::on_external_authenticate,  // EXTERNAL AUTHENTICATE
+    &IdCardRead::on_file_6011_selected,     // SELECT 6011
+    &IdCardRead::on_file_6011_data,         // READ 6011
+    &IdCardRead::on_file_6012_selected,     // SELECT 6012
+    &IdCardRead::on_file_6012_data,         // READ 6012
+    &IdCardRead::on_file_6013_selected,     // SELECT 6013
+    &IdCardRead::on_file_6013_data,         // READ 6013
 };
 
 IdCardRead::IdCardRead(ReadSession& session) : CardRead(session) {}
@@ -87,8 +87,8 @@ void IdCardRead::run() {
 Outcome IdCardRead::handle_answer() {
   if (answer_missing() && answer_.serial > kAttrib) return Outcome::end_with(TQ_NO_CARD_ANSWER);
   log_answer();
-  if (answer_.serial >= std::size(kSteps)) return Outcome::end_with(TQ_OUT_OF_RANGE);
-  return (this->*kSteps[answer_.serial].handle)();
+  if (answer_.serial >= std::size(kHandlers)) return Outcome::end_with(TQ_OUT_OF_RANGE);
+  return (this->*kHandlers[answer_.serial])();
 }
 
 void IdCardRead::report(int32_t final_result) {

@@ -45,11 +45,7 @@ class IdCardRead final : public CardRead {
 
  private:
   using Handler = Outcome (IdCardRead::*)();
-  struct Step {
-    const char* answer_to;
-    Handler handle;
-  };
-  static const Step kSteps[];
+  static const Handler kHandlers[];
 
   Outcome on_reqb();
   Outcome on_attrib();

@@ -131,6 +131,7 @@ int32_t read_sequence_of(ByteReader& r, int32_t element_tag, ElementList& list) 
 extern "C" {
 
 int32_t DM_asn1_get_len(const uint8_t** pos, const uint8_t* end, size_t* len_out) {
+  if (len_out == nullptr) return TQ_ASN1_OUT_OF_DATA;
   ByteReader r = unread(pos, end);
   if (int32_t rc = read_length(r, *len_out); rc < 0) return rc;
   *pos = r.rest().data();
@@ -138,6 +139,7 @@ int32_t DM_asn1_get_len(const uint8_t** pos, const uint8_t* end, size_t* len_out
 }
 
 int32_t DM_asn1_get_tag(const uint8_t** pos, const uint8_t* end, size_t* len_out, int32_t expected_tag) {
+  if (len_out == nullptr) return TQ_ASN1_OUT_OF_DATA;
   ByteReader r = unread(pos, end);
   if (int32_t rc = read_header(r, expected_tag, *len_out); rc < 0) return rc;
   *pos = r.rest().data();
@@ -145,6 +147,7 @@ int32_t DM_asn1_get_tag(const uint8_t** pos, const uint8_t* end, size_t* len_out
 }
 
 int32_t DM_asn1_get_int(const uint8_t** pos, const uint8_t* end, int32_t* value_out) {
+  if (value_out == nullptr) return TQ_ASN1_OUT_OF_DATA;
   ByteReader r = unread(pos, end);
   uint32_t number = 0;
   if (int32_t rc = read_small_integer(r, number); rc < 0) return rc;
@@ -154,6 +157,7 @@ int32_t DM_asn1_get_int(const uint8_t** pos, const uint8_t* end, int32_t* value_
 }
 
 int32_t DM_asn1_get_bool(const uint8_t** pos, const uint8_t* end, int32_t* value_out) {
+  if (value_out == nullptr) return TQ_ASN1_OUT_OF_DATA;
   ByteReader r = unread(pos, end);
   if (int32_t rc = read_boolean(r, *value_out); rc < 0) return rc;
   *pos = r.rest().data();
@@ -161,6 +165,7 @@ int32_t DM_asn1_get_bool(const uint8_t** pos, const uint8_t* end, int32_t* value
 }
 
 int32_t DM_asn1_get_bitstring(const uint8_t** pos, const uint8_t* end, DM_asn1_bitstring* bitstring_out) {
+  if (bitstring_out == nullptr) return TQ_ASN1_OUT_OF_DATA;
   ByteReader r = unread(pos, end);
   if (int32_t rc = read_bit_string(r, *bitstring_out); rc < 0) return rc;
   *pos = r.rest().data();
@@ -169,6 +174,7 @@ int32_t DM_asn1_get_bitstring(const uint8_t** pos, const uint8_t* end, DM_asn1_b
 
 int32_t DM_asn1_get_sequence_of(const uint8_t** pos, const uint8_t* end, DM_asn1_sequence* list,
                                 int32_t element_tag) {
+  if (list == nullptr) return TQ_ASN1_OUT_OF_DATA;
   ByteReader r = unread(pos, end);
   ElementList elements;
   if (int32_t rc = read_sequence_of(r, element_tag, elements); rc < 0) return rc;

@@ -201,15 +201,18 @@ int32_t get_passport_files_IDS_SOD(const uint8_t* file, uint32_t length, uint32_
 }
 
 int32_t RP_getNextTag(const uint8_t* data, uint32_t length, uint32_t* pos, uint32_t* tag_out) {
+  if (tag_out == nullptr) return TQ_FAILED;
   return step_over(data, length, pos, [tag_out](ByteReader& r) { return read_tag(r, *tag_out); });
 }
 
 int32_t RP_getNextLength(const uint8_t* data, uint32_t length, uint32_t* pos, uint32_t* len_out) {
+  if (len_out == nullptr) return TQ_FAILED;
   return step_over(data, length, pos, [len_out](ByteReader& r) { return read_length(r, *len_out); });
 }
 
 int32_t RP_getNextValue(const uint8_t* data, uint32_t length, uint32_t* pos, uint32_t value_len,
                         const uint8_t** value_out) {
+  if (value_out == nullptr) return TQ_FAILED;
   return step_over(data, length, pos, [value_len, value_out](ByteReader& r) {
     Bytes value;
     if (!r.take(value_len, value)) return false;

@@ -60,7 +60,8 @@ class FileTable {
   uint32_t& count_;
 };
 
-// Keeps the first chunk in a block that has room for the whole file. The header claims at most 65535 bytes.
+// Keeps the first chunk in a block that has room for the whole file. The header claims a value of at most
+// 65535 bytes.
 bool begin_file(PassportFileRecord& row, Bytes chunk) {
   if (chunk.empty()) return true;
   const size_t file_size = std::max(size_in_header(chunk), chunk.size());

@@ -1,7 +1,6 @@
 #include "passport/mutual_authentication.hpp"
 
 #include <algorithm>
-#include <cstddef>
 
 #include "core/result_code.h"
 #include "passport/secure_messaging.h"
@@ -12,11 +11,8 @@ namespace tq {
 
 constexpr size_t kCounterHalf = 4;
 
-bool derive_document_keys(std::span<const uint8_t> mrz, PassportSession& session) {
-  if (mrz.size() != sizeof(MrzFields)) return false;
-  const auto* text = reinterpret_cast<const char*>(mrz.data());
-  return create_bassis_key(text + offsetof(MrzFields, number), text + offsetof(MrzFields, birth),
-                           text + offsetof(MrzFields, expiry), session.kenc, session.kmac) == TQ_OK;
+bool derive_document_keys(const MrzFields& mrz, PassportSession& session) {
+  return create_bassis_key(mrz.number, mrz.birth, mrz.expiry, session.kenc, session.kmac) == TQ_OK;
 }
 
 bool make_cryptogram(const PassportSession& session, Cryptogram& out) {

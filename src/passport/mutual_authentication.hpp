@@ -1,4 +1,4 @@
-// The mutual authentication of Basic Access Control (ICAO Doc 9303-11 section 4.3.3), over the session of one
+// The mutual authentication of Basic Access Control (ICAO Doc 9303-11 section 4.3), over the session of one
 // read.
 #pragma once
 
@@ -19,8 +19,8 @@ struct MrzFields {
   char expiry[TQ_MRZ_DATE_SIZE];
 };
 
-// Sets `kenc` and `kmac`. `mrz` is the bytes of MrzFields.
-[[nodiscard]] bool derive_document_keys(std::span<const uint8_t> mrz, PassportSession& session);
+// Sets `kenc` and `kmac`.
+[[nodiscard]] bool derive_document_keys(const MrzFields& mrz, PassportSession& session);
 
 struct Cryptogram {
   std::array<uint8_t, TQ_E_IFD_LENGTH> e_ifd;

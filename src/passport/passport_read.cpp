@@ -42,7 +42,7 @@ constexpr uint8_t kInternalAuthenticateHeader[] = {0x00, 0x88, 0x00, 0x00, 0x08}
 // These are read first, if the chip has them.
 constexpr uint16_t kFirstFiles[] = {TQ_EF_DG15, TQ_EF_DG11, TQ_EF_DG1, TQ_EF_DG2};
 
-// A read cannot do without these; their reading is timed.
+// A read cannot do without these.
 constexpr bool is_core(uint16_t file_id) {
   return file_id == TQ_EF_DG1 || file_id == TQ_EF_DG2;
 }
@@ -65,17 +65,17 @@ Outcome failed_unless_sent(int32_t rc) {
 }  // namespace
 
 // What each answer leads to; the row is its number.
-const PassportRead::Step PassportRead::kSteps[] = {
-    {"SELECT application", &PassportRead::on_application_selected},
-    {"GET CHALLENGE", &PassportRead::on_challenge},
-    {"EXTERNAL AUTHENTICATE", &PassportRead::on_external_authenticate},
-    {"SELECT EF.COM", &PassportRead::on_com_selected},
-    {"READ EF.COM", &PassportRead::on_com_data},
-    {"SELECT EF.SOD", &PassportRead::on_sod_selected},
-    {"READ EF.SOD", &PassportRead::on_sod_data},
-    {"SELECT data group", &PassportRead::on_data_group_selected},
-    {"READ data group", &PassportRead::on_data_group_data},
-    {"INTERNAL AUTHENTICATE", &PassportRead::on_internal_authenticate},
+const PassportRead::Handler PassportRead::kHandlers[] = {
+    &PassportRead::on_application_selected,   // SELECT application
+    &PassportRead::on_challenge,              // GET CHALLENGE
+    &PassportRead::on_external_authenticate,  // EXTERNAL AUTHENTICATE
+    &PassportRead::on_com_selected,           // SELECT EF.COM
+    &PassportRead::on_com_data,               // READ EF.COM
+    &PassportRead::on_sod_selected,           // SELECT EF.SOD
+    &PassportRead::on_sod_data,               // READ EF.SOD
+    &PassportRead::on_data_group_selected,    // SELECT data group
+    &PassportRead::on_data_group_data,        // READ data group
+    &PassportRead::on_internal_authenticate,  // INTERNAL AUTHENTICATE
 };
 
 PassportRead::~PassportRead() {
@@ -110,9 +110,9 @@ void PassportRead::run() {
 Outcome PassportRead::handle_answer() {
   if (answer_missing() && s_.aaSent == 0) return Outcome::end_with(TQ_NO_CARD_ANSWER);
   log_answer();
-  if (answer_.serial >= std::size(kSteps)) return Outcome::end_with(TQ_OUT_OF_RANGE);
+  if (answer_.serial >= std::size(kHandlers)) return Outcome::end_with(TQ_OUT_OF_RANGE);
   std::copy(answer_.data.begin(), answer_.data.end(), std::begin(s_.answer));
-  return (this->*kSteps[answer_.serial].handle)();
+  return (this->*kHandlers[answer_.serial])();
 }
 
 void PassportRead::report(int32_t final_result) {
@@ -134,7 +134,11 @@ Outcome PassportRead::on_application_selected() {
   if (int32_t rc = exchange(TQ_EXCHANGE_7201); rc < 0) return Outcome::end_with(rc);
   tq_socket_close();
   s_.socketOpen = 0;
-  if (!derive_document_keys(session_.input(), s_)) return Outcome::end_with(TQ_CARD_REFUSED);
+  MrzFields mrz;
+  const WipeOnExit wipe_mrz(mrz);
+  const std::span<uint8_t> mrz_bytes(reinterpret_cast<uint8_t*>(&mrz), sizeof mrz);
+  if (!copy_bytes(session_.input(), mrz_bytes) || !derive_document_keys(mrz, s_))
+    return Outcome::end_with(TQ_CARD_REFUSED);
   start_timing();
   return passport_rand_number_IC(&cfg_, kChallenge) < 0 ? Outcome::end_silently() : Outcome::go_on();
 }
@@ -159,7 +163,7 @@ Outcome PassportRead::on_challenge() {
 Outcome PassportRead::on_external_authenticate() {
   Secret<kAnswerRoom> data;
   const int32_t n = check_answer(data.bytes());
-  if (n < 0) return Outcome::end_with(n == TQ_NO_CARD_ANSWER ? n : int32_t{TQ_AUTHENTICATION_REFUSED});
+  if (n < 0) return authentication_failure(n);
   if (!derive_session_keys(data.bytes().first(static_cast<size_t>(n)), s_))
     return Outcome::end_with(TQ_CARD_REFUSED);
   return read_com();

@@ -23,11 +23,7 @@ class PassportRead final : public CardRead {
 
  private:
   using Handler = Outcome (PassportRead::*)();
-  struct Step {
-    const char* answer_to;
-    Handler handle;
-  };
-  static const Step kSteps[];
+  static const Handler kHandlers[];
 
   Outcome on_application_selected();
   Outcome on_challenge();

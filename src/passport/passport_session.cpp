@@ -28,6 +28,7 @@ extern "C" {
 int32_t passport_decode(SessionConfig* cfg, const char* number, const char* birth, const char* expiry,
                         const uint8_t* stickCardId) {
   if (cfg == nullptr || stickCardId == nullptr) return TQ_MISSING_CALL;
+  cfg->authMode = 0;
   cfg->serverRoute = TQ_ROUTE_PASSPORT;
   if (int32_t rc = check_function_call(cfg); rc < 0) return rc;
   std::fill(std::begin(cfg->lastCommand), std::end(cfg->lastCommand), uint8_t{0});
@@ -48,8 +49,7 @@ void passport_handler(SessionConfig* ctx, const uint8_t* data, uint32_t length, 
 
 void passport_cancel(void) {
   // In this order: the worker that the close wakes has to find the flag.
-  tq::cancel_read(tq::ReadKind::kPassport);
-  tq_socket_close();
+  if (tq::cancel_read(tq::ReadKind::kPassport)) tq_socket_close();
 }
 
 }  // extern "C"

@@ -152,8 +152,7 @@ bool parse_answer(Bytes answer, ProtectedAnswer& out) {
   if (next_is(r, kTagCryptogram) && !take_cryptogram(r, a.cryptogram)) return false;
   if (next_is(r, kTagStatus) && !skip_status(r)) return false;
   a.authenticated = answer.first(answer.size() - r.size());
-  if (!r.u8(tag) || !r.u8(len) || tag != kTagMac || len != kMacLen || !r.take(len, a.mac) || !r.done())
-    return false;
+  if (!r.u8(tag) || !r.u8(len) || tag != kTagMac || len != kMacLen || !r.take(len, a.mac)) return false;
   out = a;
   return true;
 }

@@ -206,10 +206,13 @@ void deliver_answer(ReadKind kind, const SessionConfig* owner, std::span<const u
   b.changed.notify_all();
 }
 
-void cancel_read(ReadKind kind) {
+bool cancel_read(ReadKind kind) {
   Board& b = board();
   const std::lock_guard lock(b.mutex);
-  if (b.unfinished && b.kind == kind) b.cancelled.store(true);
+  if (!b.unfinished) return true;
+  if (b.kind != kind) return false;
+  b.cancelled.store(true);
+  return true;
 }
 
 bool read_in_progress(const SessionConfig* owner) {

@@ -74,8 +74,9 @@ void abandon_read(const SessionConfig* owner, Interrupt interrupt);
 void deliver_answer(ReadKind kind, const SessionConfig* owner, std::span<const uint8_t> data, uint8_t serial,
                     int32_t status);
 
-// Sets the cancel flag of the unfinished read of this kind, if there is one.
-void cancel_read(ReadKind kind);
+// Sets the cancel flag of the unfinished read of this kind, if there is one. False when one of the other kind
+// is under way instead.
+bool cancel_read(ReadKind kind);
 
 // True while the read started with `owner` may still have something to report: it is neither finished nor
 // superseded, and no cancelled one that has got beyond its authentication.

@@ -2,12 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <string>
 
-#include "crypto/des.h"
 #include "passport/chip_peer.hpp"
-#include "passport/secure_messaging.h"
+#include "passport/mutual_authentication.hpp"
 
 namespace {
 
@@ -40,31 +40,38 @@ TEST(AccessControl, WorkedExample) {
   EXPECT_EQ(hex(keys.enc), "ab94fdecf2674fdfb9b391f85d7f76f2");
   EXPECT_EQ(hex(keys.mac), "7962d9ece03d1acd4c76089dce131543");
 
-  // RND.IFD, RND.IC, K.IFD
-  Bytes s = from_hex("781723860c06c226 4608f91988702212 0b795240cb7049b01c19b33e32804f0b");
-  TQ_DES3_CTX ctx;
-  tq_des3_set2key_enc(&ctx, keys.enc.data());
-  Bytes iv(8);
-  EXPECT_EQ(tq_des3_crypt_cbc(&ctx, 1, 32, iv.data(), s.data(), s.data()), 0);
-  EXPECT_EQ(hex(s), "72c29c2371cc9bdb65b779b8e8d37b29ecc154aa56a8799fae2f498f76ed92f2");
-  Bytes padded(40);
-  Bytes mac(8);
-  EXPECT_EQ(RP_doPadding(s.data(), 32, padded.data()), 40);
-  EXPECT_EQ(create_message_auth_code(padded.data(), 40, keys.mac.data(), mac.data(), 8), 0);
-  EXPECT_EQ(hex(mac), "5f1448eea8ad90a7");
+  PassportSession session{};
+  const auto set = [](auto& field, const char* value) {
+    const Bytes bytes = from_hex(value);
+    ASSERT_EQ(bytes.size(), sizeof field);
+    std::copy(bytes.begin(), bytes.end(), field);
+  };
+  ASSERT_TRUE(tq::derive_document_keys({"L898902C<", "690806", "940623"}, session));
+  EXPECT_EQ(hex(session.kenc, 16) + hex(session.kmac, 16), hex(keys.enc + keys.mac));
+  set(session.rndIFD, "781723860c06c226");
+  set(session.rndIC, "4608f91988702212");
+  set(session.kIFD, "0b795240cb7049b01c19b33e32804f0b");
+  tq::Cryptogram cryptogram{};
+  ASSERT_TRUE(tq::make_cryptogram(session, cryptogram));
+  EXPECT_EQ(hex(cryptogram.e_ifd), "72c29c2371cc9bdb65b779b8e8d37b29ecc154aa56a8799fae2f498f76ed92f2");
+  EXPECT_EQ(hex(cryptogram.m_ifd), "5f1448eea8ad90a7");
 
-  Bytes answer = from_hex("46b9342a41396cd7386bf5803104d7cedc122b9132139baf2eedc94ee178534f");
-  tq_des3_set2key_dec(&ctx, keys.enc.data());
-  iv.assign(8, 0);
-  EXPECT_EQ(tq_des3_crypt_cbc(&ctx, 0, 32, iv.data(), answer.data(), answer.data()), 0);
-  EXPECT_EQ(hex(answer), "4608f91988702212781723860c06c2260b4f80323eb3191cb04970cb4052790b");
-  Bytes seed = from_hex("0b795240cb7049b01c19b33e32804f0b");
-  for (size_t i = 0; i < seed.size(); ++i) seed[i] ^= answer[16 + i];
-  EXPECT_EQ(hex(seed), "0036d272f5c350acac50c3f572d23600");
-  Keys session;
-  EXPECT_EQ(create_key_share(seed.data(), session.enc.data(), session.mac.data()), 0);
-  EXPECT_EQ(hex(session.enc), "979ec13b1cbfe9dcd01ab0fed307eae5");
-  EXPECT_EQ(hex(session.mac), "f1cb1f1fb5adf208806b89dc579dc1f8");
+  const Bytes answer =
+      from_hex("46b9342a41396cd7386bf5803104d7cedc122b9132139baf2eedc94ee178534f 2f2d235d074d7449");
+  for (const size_t n : {0, 31})
+    EXPECT_FALSE(tq::derive_session_keys(test::slice(answer, 0, n), session)) << n;
+  for (const size_t block : {0, 1}) {  // of the chip's nonce, of ours
+    Bytes wrong = answer;
+    wrong[8 * block] ^= 1;
+    EXPECT_FALSE(tq::derive_session_keys(wrong, session)) << block;
+  }
+  const Bytes wrong_mac = test::slice(answer, 0, 39) + Bytes(1);
+  for (const Bytes& good : {answer, wrong_mac}) {  // the nonces decide
+    ASSERT_TRUE(tq::derive_session_keys(good, session));
+    EXPECT_EQ(hex(session.ksenc, 16), "979ec13b1cbfe9dcd01ab0fed307eae5");
+    EXPECT_EQ(hex(session.ksmac, 16), "f1cb1f1fb5adf208806b89dc579dc1f8");
+    EXPECT_EQ(hex(session.ssc, 8), "887022120c06c226");
+  }
 }
 
 // The whole machine-readable information stands here, check digits included.
