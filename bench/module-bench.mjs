@@ -1,81 +1,37 @@
-// Measures the module in Node.js against the replay server: whole reads, waiting, cancelling.
-// Usage: module-bench.mjs LIBRARY READ_BENCH RECORDING. The library's own output must be sent elsewhere (standard output
-// carries its hex dumps); the tables go to descriptor 3.
+// Measures reads of the identity card through the module in Node.js against the replay server: whole reads, waiting,
+// cancelling. Usage: module-bench.mjs LIBRARY READ_BENCH RECORDING; see module-rig.mjs for where its tables go.
 
-import { execFileSync, spawn } from 'node:child_process';
-import { once } from 'node:events';
-import { readdirSync, readFileSync, writeSync } from 'node:fs';
+import { execFileSync } from 'node:child_process';
+import { readdirSync } from 'node:fs';
 import { performance } from 'node:perf_hooks';
+import { loadRecording, median, pauseUntil, print, Rig, sleep } from './module-rig.mjs';
 
 const [library, readBench, recordingFile] = process.argv.slice(2);
 const kReads = 200;
 const kRealistic = { reads: 10, cardMs: 8, serverMs: 40 };
 
-const module = { exports: {} };
-process.dlopen(module, library);
-const tq = module.exports;
-
-const recording = { init: {}, server: [], card: [] };
-for (const line of readFileSync(recordingFile, 'utf8').split('\n')) {
-  const [kind, a, b, c] = line.split(' ');
-  if (kind === 'init') recording.init[a] = b;
-  if (kind === 'time') recording.time = Number(a);
-  if (kind === 'server') recording.server.push({ request: a, response: b });
-  if (kind === 'card') recording.card.push({ serial: Number(a), command: b, answer: c });
-}
-
-const print = (text = '') => writeSync(3, `${text}\n`);
-const median = (values) => [...values].sort((x, y) => x - y)[Math.floor(values.length / 2)];
-
-/** Blocks for exactly this long: sleeps, and for the last millisecond spins. */
-function pauseFor(ms) {
-  const end = performance.now() + ms;
-  if (ms > 1) Atomics.wait(new Int32Array(new SharedArrayBuffer(4)), 0, 0, ms - 1);
-  while (performance.now() < end);
-}
-const sleep = (ms) => new Promise((resolve) => { setTimeout(resolve, ms); });
-
-process.on('uncaughtException', (error) => {
-  print(`failed: ${error.stack}`);
-  process.exit(1);
-});
-
+const recording = loadRecording(recordingFile);
+const rig = new Rig(library, readBench, recording, onCommand);
 let cardMs = 0;
 let nextCard = 0;
-let settle = () => {};
 
-function onCommand(text) {
-  const { cmd, serial_num: serial } = JSON.parse(text);
+function onCommand(command, serial) {
+  const from = performance.now();
   const exchange = recording.card[nextCard];
-  if (exchange?.command !== cmd) throw new Error(`command ${nextCard} was not recorded: ${cmd}`);
+  if (exchange?.command !== command) throw new Error(`command ${nextCard} was not recorded: ${command}`);
   nextCard += 1;
-  if (cardMs > 0) pauseFor(cardMs);
-  tq.idCardHandler(exchange.answer, Number(serial), 0);
-}
-
-async function serverOn(delayMs, ...more) {
-  const child = spawn(readBench, ['serve', recordingFile, String(delayMs), ...more], { stdio: ['ignore', 'pipe', 'inherit'] });
-  const [port] = await once(child.stdout, 'data');
-  const { appid, decodeMode, readMode, envIdCode, filePath, packageName, terId, reqidType, sn } = recording.init;
-  const code = tq.initSdk(appid, Number(decodeMode), Number(readMode), Number(envIdCode), filePath, packageName,
-    Number(terId), '127.0.0.1', Number(port), Number(reqidType), sn);
-  if (code !== 0) throw new Error(`initSdk: ${code}`);
-  return { port: Number(port), stop: () => child.kill() };
+  if (cardMs > 0) pauseUntil(from + cardMs);
+  rig.module.idCardHandler(exchange.answer, serial, 0);
 }
 
 function start() {
   nextCard = 0;
-  const result = new Promise((resolve) => { settle = resolve; });
-  const code = tq.getIdInfo();
-  if (code !== 0) throw new Error(`getIdInfo: ${code}`);
-  return result;
+  return rig.start();
 }
 
-async function readMs() {
-  const from = performance.now();
-  const { code } = await start();
-  if (code !== 0) throw new Error(`a read ended with ${code}`);
-  return performance.now() - from;
+function readMs() {
+  nextCard = 0;
+  return rig.read();
 }
 
 async function reads(count) {
@@ -89,7 +45,7 @@ const bareMs = (port) =>
 const numThreads = () => readdirSync('/proc/self/task').length;
 
 async function measureOverhead() {
-  const server = await serverOn(0);
+  const server = await rig.serverOn(0);
   await reads(20);
   const rounds = [];
   for (let i = 0; i < 5; i += 1) rounds.push({ bare: bareMs(server.port), read: median(await reads(kReads)) });
@@ -102,7 +58,7 @@ async function measureOverhead() {
 }
 
 async function measureRealistic() {
-  const server = await serverOn(kRealistic.serverMs);
+  const server = await rig.serverOn(kRealistic.serverMs);
   cardMs = kRealistic.cardMs;
   const read = median(await reads(kRealistic.reads));
   cardMs = 0;
@@ -113,7 +69,7 @@ async function measureRealistic() {
 }
 
 async function measureWaiting() {
-  const server = await serverOn(0, 'silent');
+  const server = await rig.serverOn(0, 'silent');
   const before = process.cpuUsage();
   const from = performance.now();
   const { code } = await start();
@@ -128,7 +84,7 @@ async function measureWaiting() {
     const result = start();
     await sleep(30);
     const cancelled = performance.now();
-    tq.cancelCard(0);
+    rig.module.cancelCard(0);
     await result;
     ends.push(performance.now() - cancelled);
   }
@@ -138,10 +94,6 @@ async function measureWaiting() {
     + `(longest of ${ends.length}; wanted: within 20 ms); threads left over: ${numThreads() - idle}`);
 }
 
-tq.registerCardCallback(onCommand);
-tq.registerMonitorCallback((text) => text);
-tq.registerTimestampCallback(() => recording.time);
-tq.registerResultCallback((text) => settle(JSON.parse(text)));
 await measureOverhead();
 await measureRealistic();
 await measureWaiting();

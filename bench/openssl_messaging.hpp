@@ -62,20 +62,53 @@ class OpenSslMessaging {
     std::memcpy(input.data() + 8, answer, before_mac);
     retail_mac(input.data(), pad(input.data(), 8 + before_mac), mac.data());
     if (CRYPTO_memcmp(mac.data(), answer + before_mac + 2, 8) != 0) return -1;
-    run(triple_des_, 0, enc_, kZeros.data(), answer + 3 + form, cryptogram_len, scratch_.data());
-    size_t data_len = cryptogram_len;
-    while (data_len > 0 && scratch_[data_len - 1] == 0) --data_len;
-    if (data_len > 0 && scratch_[data_len - 1] == 0x80) --data_len;
+    decipher(answer + 3 + form, cryptogram_len, scratch_.data());
+    const size_t data_len = unpadded(scratch_.data(), cryptogram_len);
     std::memcpy(out, scratch_.data(), data_len);
     OPENSSL_cleanse(scratch_.data(), cryptogram_len);
     return static_cast<int>(data_len);
   }
 
-  // What the chip answers. Returns its length.
+  // A protected command: its data go to `out`. Returns their length, or -1.
+  int open_command(const uint8_t* command, size_t len, uint8_t* ssc, uint8_t* out) {
+    if (len < 19 || command[0] != 0x0C || command[4] + size_t{6} != len) return -1;
+    std::array<uint8_t, 512> input{};
+    std::array<uint8_t, 8> mac{};
+    const size_t objects_len = len - 16;
+    count(ssc);
+    std::memcpy(input.data(), ssc, 8);
+    std::memcpy(input.data() + 8, command, 4);
+    input[12] = 0x80;
+    std::memcpy(input.data() + 16, command + 5, objects_len);
+    retail_mac(input.data(), pad(input.data(), 16 + objects_len), mac.data());
+    if (CRYPTO_memcmp(mac.data(), command + len - 9, 8) != 0) return -1;
+    if (command[5] != 0x87) return 0;
+    const size_t cryptogram_len = command[6] - size_t{1};
+    if (cryptogram_len + 3 > objects_len) return -1;
+    decipher(command + 8, cryptogram_len, out);
+    return static_cast<int>(unpadded(out, cryptogram_len));
+  }
+
+  // Whole blocks, from a vector of zeros.
+  void encipher(const uint8_t* data, size_t len, uint8_t* out) {
+    run(triple_des_, 1, enc_, kZeros.data(), data, len, out);
+  }
+  void decipher(const uint8_t* data, size_t len, uint8_t* out) {
+    run(triple_des_, 0, enc_, kZeros.data(), data, len, out);
+  }
+
+  // Adds ISO/IEC 9797-1 padding method 2. Returns the padded length.
+  static size_t pad(uint8_t* data, size_t len) {
+    data[len++] = 0x80;
+    while (len % 8 != 0) data[len++] = 0;
+    return len;
+  }
+
+  // What the chip answers: data, if any, and success. Returns its length.
   size_t protect_answer(const uint8_t* data, size_t len, uint8_t* ssc, uint8_t* out) {
     std::array<uint8_t, 512> input{};
     uint8_t* const objects = input.data() + 8;
-    size_t at = write_cryptogram(data, len, objects);
+    size_t at = len == 0 ? 0 : write_cryptogram(data, len, objects);
     for (const uint8_t byte : kStatusGood) objects[at++] = byte;
     count(ssc);
     std::memcpy(input.data(), ssc, 8);
@@ -117,14 +150,13 @@ class OpenSslMessaging {
     if (padded + 1 > 0x7F) out[at++] = 0x81;
     out[at++] = static_cast<uint8_t>(padded + 1);
     out[at++] = 0x01;
-    run(triple_des_, 1, enc_, kZeros.data(), scratch_.data(), padded, out + at);
+    encipher(scratch_.data(), padded, out + at);
     return at + padded;
   }
 
-  static size_t pad(uint8_t* data, size_t len) {
-    data[len++] = 0x80;
-    while (len % 8 != 0) data[len++] = 0;
-    return len;
+  static size_t unpadded(const uint8_t* data, size_t len) {
+    while (len > 0 && data[len - 1] == 0) --len;
+    return len > 0 && data[len - 1] == 0x80 ? len - 1 : len;
   }
 
   static void count(uint8_t* ssc) {

@@ -1,14 +1,20 @@
-// Whole identity-card reads without a JavaScript engine, beside a bare client that does the same exchanges.
+// Whole reads without a JavaScript engine: of identity cards, beside a bare client that does the same
+// exchanges, and of passports.
 //
 //   read_bench serve FILE DELAY_MS [silent]  replay server
-//   read_bench bare FILE PORT READS          the bare client: connect, send, receive; a plain call for each
-//   card command read_bench core FILE PORT READS          reads through the core's C interface read_bench
-//   memory FILE PORT READS        the same, counting what the reads take and leave
 //
-// FILE comes from record.mjs. Each line of output is a JSON object.
+//   read_bench bare FILE PORT READS          the bare client: connect, send, receive; a call for each command
+//
+//   read_bench core FILE PORT READS          reads through the core's C interface
+//
+//   read_bench memory FILE PORT READS        the same, counting what the reads take and leave
+//
+// FILE comes from record.mjs and says which document it is. A passport's chip is a peer in this process,
+// whose own time is measured. Each line of output is a JSON object.
 
 #include <dirent.h>
 #include <malloc.h>
+#include <openssl/provider.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <algorithm>
@@ -18,8 +24,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <mutex>
 
+#include "passport_peer.hpp"
 #include "recording.hpp"
 #include "tqreader.h"
 
@@ -71,7 +79,9 @@ double bare_read_us(const Recording& recording, uint16_t port) {
 struct Host {
   Recording recording;
   SessionConfig config{};
-  size_t next_card = 0;
+  std::unique_ptr<PassportPeer> chip;  // when it is a passport
+  double chip_us = 0;                  // the chip's own time in the present read
+  size_t num_commands = 0;             // of the present read
   std::mutex mutex;
   std::condition_variable ended;
   bool done = false;
@@ -79,8 +89,17 @@ struct Host {
 };
 Host g_host;
 
-int32_t on_command(const uint8_t* apdu, uint32_t length, uint8_t serial, void*) {
-  const auto& exchange = g_host.recording.card[g_host.next_card++];
+int32_t on_passport_command(const uint8_t* apdu, uint32_t length, uint8_t serial, void*) {
+  ++g_host.num_commands;
+  const auto start = Clock::now();
+  const std::span<const uint8_t> answer = g_host.chip->respond({apdu, length});
+  g_host.chip_us += micros_since(start);
+  passport_handler(&g_host.config, answer.data(), static_cast<uint32_t>(answer.size()), serial, 0);
+  return 0;
+}
+
+int32_t on_card_command(const uint8_t* apdu, uint32_t length, uint8_t serial, void*) {
+  const auto& exchange = g_host.recording.card[g_host.num_commands++];
   if (exchange.serial != serial || exchange.command != Recording::Bytes(apdu, apdu + length)) std::exit(1);
   id_card_handler(&g_host.config, exchange.answer.data(), static_cast<uint32_t>(exchange.answer.size()),
                   serial, 0);
@@ -117,7 +136,12 @@ void prepare_core(uint16_t port) {
                                 init["packageName"].c_str(), std::stoi(init["terId"]), "127.0.0.1", port);
   if (rc != 0) std::exit(1);
   share_set_reqid_version(&g_host.config, std::stoi(init["reqidType"]));
-  share_register_card_callback(&g_host.config, on_command, nullptr);
+  if (g_host.recording.of_passport()) {
+    OSSL_PROVIDER_load(nullptr, "default");
+    OSSL_PROVIDER_load(nullptr, "legacy");  // has single DES
+    g_host.chip = std::make_unique<PassportPeer>(g_host.recording.passport);
+  }
+  share_register_card_callback(&g_host.config, g_host.chip ? on_passport_command : on_card_command, nullptr);
   share_register_monitor_callback(&g_host.config, on_monitor);
   share_register_timestamp_callback(&g_host.config, on_time);
   share_register_result_callback(&g_host.config, on_result);
@@ -127,9 +151,14 @@ double core_read_us() {
   const auto start = Clock::now();
   uint8_t stick[16];
   std::memset(stick, 0xFF, sizeof stick);
-  g_host.next_card = 0;
+  g_host.num_commands = 0;
+  g_host.chip_us = 0;
   g_host.done = false;
-  if (id_card_decode(&g_host.config, stick) != 0) std::exit(1);
+  const auto& [number, birth, expiry, files] = g_host.recording.passport;
+  const int32_t rc =
+      g_host.chip ? passport_decode(&g_host.config, number.c_str(), birth.c_str(), expiry.c_str(), stick)
+                  : id_card_decode(&g_host.config, stick);
+  if (rc != 0) std::exit(1);
   std::unique_lock lock(g_host.mutex);
   g_host.ended.wait(lock, [] { return g_host.done; });
   if (g_host.code != 0) {
@@ -165,6 +194,15 @@ Footprint settled() {
   return {};
 }
 
+// What a passport's read may take at most: its files once, request and answer of 0x7202, and 64 KiB.
+size_t wanted_peak() {
+  size_t files = 0;
+  for (const auto& [id, content] : g_host.recording.passport.files) files += content.size();
+  const size_t request = 2 * (512 + files);
+  const size_t answer = 65535;
+  return files + request + answer + 65536;
+}
+
 void measure_memory(int reads) {
   core_read_us();
   const Footprint before = settled();
@@ -173,6 +211,7 @@ void measure_memory(int reads) {
   const size_t peak = g_peak - before.live;
   for (int i = 0; i < reads; ++i) core_read_us();
   const Footprint after = settled();
+  if (g_host.chip) std::printf("{\"wanted_peak_bytes\": %zu}\n", wanted_peak());
   std::printf(
       "{\"peak_bytes\": %zu, \"left_bytes\": %zd, \"reads\": %d, \"heap_growth\": %zd, "
       "\"descriptor_growth\": %zd, \"thread_growth\": %zd}\n",
@@ -182,8 +221,10 @@ void measure_memory(int reads) {
       static_cast<ssize_t>(after.threads - before.threads));
 }
 
-void print_median(const char* what, const std::vector<double>& times) {
-  std::printf("{\"what\": \"%s\", \"reads\": %zu, \"median_us\": %.1f}\n", what, times.size(), median(times));
+void print_median(const char* what, const std::vector<double>& times, const std::vector<double>& chip_times) {
+  std::printf(
+      "{\"what\": \"%s\", \"reads\": %zu, \"median_us\": %.1f, \"chip_us\": %.1f, \"commands\": %zu}\n", what,
+      times.size(), median(times), median(chip_times), g_host.num_commands);
 }
 
 }  // namespace
@@ -221,8 +262,11 @@ int main(int argc, char** argv) {
     return 0;
   }
   std::vector<double> times;
-  for (int i = 0; i < reads; ++i)
+  std::vector<double> chip_times;
+  for (int i = 0; i < reads; ++i) {
     times.push_back(mode == "bare" ? bare_read_us(g_host.recording, port) : core_read_us());
-  print_median(mode.c_str(), times);
+    chip_times.push_back(g_host.chip_us);
+  }
+  print_median(mode.c_str(), times, chip_times);
   return 0;
 }

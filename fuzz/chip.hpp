@@ -17,15 +17,12 @@ inline Bytes padded(View bytes) {
   return blocks;
 }
 
-inline void append(Bytes& out, View in) {
-  out.insert(out.end(), in.begin(), in.end());
-}
-
-// The answer that follows the counter `ssc`: what the chip says, its own counter being one ahead.
+// What follows the counter `ssc`: an answer of the chip, whose own counter is one ahead, or a command to it.
 class Chip {
  public:
   Chip(const uint8_t* enc, const uint8_t* mac, const uint8_t* ssc) : ssc_(ssc, ssc + kBlock) {
     tq_des3_set2key_enc(&enc_, enc);
+    tq_des3_set2key_dec(&dec_, enc);
     tq_des_setkey_enc(&mac_chain_, mac);
     tq_des3_set2key_enc(&mac_last_, mac);
     for (size_t i = kBlock; i > 0 && ++ssc_[i - 1] == 0; --i) {
@@ -48,20 +45,42 @@ class Chip {
     return object;
   }
 
+  // Whole blocks.
+  Bytes deciphered(View blocks) const {
+    Bytes content;
+    uint8_t chain[kBlock] = {};
+    for (size_t at = 0; at < blocks.size(); at += kBlock) {
+      uint8_t block[kBlock];
+      tq_des3_crypt_ecb(&dec_, blocks.data() + at, block);
+      for (size_t i = 0; i < kBlock; ++i) block[i] ^= chain[i];
+      std::copy_n(blocks.data() + at, kBlock, chain);
+      append(content, block);
+    }
+    return content;
+  }
+
+  // Retail MAC over the counter and what follows it.
+  Bytes mac(View content) const {
+    Bytes input = ssc_;
+    append(input, content);
+    return retail_mac(padded(input));
+  }
+  Bytes retail_mac(View blocks) const {
+    Bytes chain(kBlock);
+    for (size_t at = 0; at < blocks.size(); at += kBlock) {
+      for (size_t i = 0; i < kBlock; ++i) chain[i] ^= blocks[at + i];
+      const bool last = at + kBlock == blocks.size();
+      last ? tq_des3_crypt_ecb(&mac_last_, chain.data(), chain.data())
+           : tq_des_crypt_ecb(&mac_chain_, chain.data(), chain.data());
+    }
+    return chain;
+  }
+
   // With MAC and status words.
   Bytes answer(View objects) const {
-    Bytes input = ssc_;
-    append(input, objects);
-    input = padded(input);
-    uint8_t chain[kBlock] = {};
-    for (size_t at = 0; at < input.size(); at += kBlock) {
-      for (size_t i = 0; i < kBlock; ++i) chain[i] ^= input[at + i];
-      const bool last = at + kBlock == input.size();
-      last ? tq_des3_crypt_ecb(&mac_last_, chain, chain) : tq_des_crypt_ecb(&mac_chain_, chain, chain);
-    }
     Bytes out(objects.begin(), objects.end());
     append(out, Bytes{0x8E, kBlock});
-    append(out, chain);
+    append(out, mac(objects));
     append(out, Bytes{0x90, 0x00});
     return out;
   }
@@ -74,6 +93,7 @@ class Chip {
 
  private:
   TQ_DES3_CTX enc_;
+  TQ_DES3_CTX dec_;
   TQ_DES_CTX mac_chain_;
   TQ_DES3_CTX mac_last_;
   Bytes ssc_;

@@ -81,16 +81,20 @@ inline const uint8_t* work_key() {
   return key.data();
 }
 
-inline Bytes seal(View plain) {
+inline Bytes seal(View plain, const uint8_t* key = work_key()) {
   Bytes bytes(plain.begin(), plain.end());
   bytes.resize(plain.size() + 16);
-  TQ_sm4Encrypt(bytes.data(), static_cast<int32_t>(plain.size()), work_key(), 0, bytes.data());
+  TQ_sm4Encrypt(bytes.data(), static_cast<int32_t>(plain.size()), key, 0, bytes.data());
   bytes.resize(plain.size() / 16 * 16 + 16);
   return bytes;
 }
 
 inline uint8_t sum(View bytes) {
   return static_cast<uint8_t>(std::accumulate(bytes.begin(), bytes.end(), 0U));
+}
+
+inline void append(Bytes& out, View in) {
+  out.insert(out.end(), in.begin(), in.end());
 }
 
 inline void append_number(Bytes& out, size_t value, size_t width) {

@@ -47,11 +47,11 @@ function securityObject(list) {
   return element('77', element('30', hex('0600'), element('A0', element('30', hex('020103 3100'), content))));
 }
 
-function response(command, payload, { type = 0xaa, parameter = 8, status = '000000', code = command } = {}) {
+function response(command, payload, { type = 0xaa, parameter = 8, status = '000000', code = command, header = '70' } = {}) {
   const width = widthOf(command);
   const length = number(payload.length + 10 + width, width);
   const body = Buffer.concat([length, number(code, 2), hex(status), number(parameter, 2), number(type, 1), payload]);
-  return Buffer.concat([hex('70'), body, sum(body)]);
+  return Buffer.concat([hex(header), body, sum(body)]);
 }
 
 function secret(command, data) {
@@ -134,6 +134,7 @@ const seeds = {
   },
   secure_messaging: {
     full: ['00 40 00', protectedAnswer('FFFFFFFFFFFFFF01', Buffer.concat([cryptogram(padded(eight)), hex('99029000')]))],
+    trailing: ['00 40 00', Buffer.concat([protectedAnswer('FFFFFFFFFFFFFF01', hex('99029000')), hex('0000')])],
     wraps: ['00 FF FF', protectedAnswer('0000000000000000', hex('99029000'))],
     objects: ['01 40 07', Buffer.concat([cryptogram(padded(eight)), hex('99029000')])],
     status: ['01 01 08', hex('99029000')],
@@ -154,6 +155,37 @@ const seeds = {
     bits: ['03 00', hex('03020780')],
     sequence: ['04 02', hex('3006 020105 020106')],
     walk: ['05 00', hex('5F010430313036 7F6182000141 8000')],
+  },
+  passport_commands: {
+    token: ['00 00 10', response(0x7201, seal(Buffer.concat([eight, eight])), { header: '72' })],
+    short: ['01 00 10', eight],
+    result: ['00 01 FF', response(0x7202, Buffer.concat([hex('01'), seal(hex('0102'))]), { ...flagged, header: '72' })],
+    sealed: ['01 01 40', text(identity)],
+    plain: ['02 01 FF', hex('00 000109')],
+    raw: ['02 01 40', Buffer.concat([hex('02'), eight])],
+    status: ['00 01 40', response(0x7202, hex('00'), { ...flagged, header: '72', status: '001301' })],
+  },
+  passport_session: {
+    whole: ['00 D4 00 0000 00000000', hex('007F')],
+    text: ['0B D4 00 0000 00000000', hex('007F')],
+    small: ['01 20 00 0000 00000000', hex('007F')],
+    without_com: ['00 D4 00 0000 00000000', hex('081E0000 007F')],
+    other_files: ['00 D4 00 0000 00000000', hex('081E000C 600A 5F010131 5C0461636F75 0802200475820200 007F')],
+    late: ['00 D4 00 0000 00000000', hex('0011 07')], // the chip goes silent while its files are read
+    status: ['00 D4 00 0000 00000000', hex('000C 0402 6982 007F')],
+    data: ['00 D4 00 0000 00000000', hex('0002 01029000 0100 0104 60050102 0103 030405 007F')],
+    blocks: ['00 D4 00 0000 00000000', hex('0004 0208 6014800000000000 0304 99029000 007F')],
+    spoiled: ['00 D4 00 0000 00000000', hex('0007 050301 007F')],
+    shortened: ['00 D4 00 0000 00000000', hex('0003 0604 007F')],
+    steps: ['00 D4 00 0000 00000000', hex('0009 A006 A7 0000')],
+    cancelled: ['00 D4 00 0000 00000000', hex('0008 09 0000')],
+    unreachable: ['00 D4 01 0000 00000000', hex('')],
+    not_again: ['00 D4 02 0000 00000000', hex('007F')],
+    memory: ['00 D4 00 0040 00000000', hex('007F')],
+    statuses: ['00 D4 00 0000 00000200', hex('007F')],
+    sealed: ['00 D4 00 0000 00000303000102 00', hex('007F')],
+    payload: ['00 D4 00 0000 00000403000109 00', hex('007F')],
+    frame: ['00 D4 00 0000 00000503720000 00', hex('007F')],
   },
   passport_file: {
     short: ['D4', hex('0404 610F0102 040D 030405060708090A0B0C0D0E0F')],

@@ -45,7 +45,8 @@ TQ_API int32_t output_7202_cmd_analysis(const uint8_t* frame, uint32_t length, c
 TQ_API int32_t get_dg_data_sub(const PassportFileRecord* table, uint32_t count, uint16_t fileId);
 
 /* Writes each file's name and last status, e.g. "dg15_str:6A82;dg1_str:9000", NUL-terminated to `out` of
-   TQ_STATUS_TEXT_SIZE bytes; no row is added once more than 245 characters are there, nor one that does not fit. Returns the length. */
+   TQ_STATUS_TEXT_SIZE bytes; no row is added once more than 245 characters are there, nor one that does not
+   fit. Returns the length. */
 TQ_API int32_t passport_file_status_text(const PassportFileRecord* table, uint32_t count, char* out);
 
 TQ_END_C
