@@ -11,8 +11,8 @@ const kExchanges = [['0x5001'], ['0x5012', kSlow], ['0x5022', kSlow], ['0x5032']
 const silentAt = (on) => ({ rules: [{ on, nth: 1, do: 'silence' }] });
 
 testReads('cancel', [
-  ...STEPS.map((on) => ({ name: `while the card works on ${on}: ends with its answer`, trigger: { on, do: 'cancel' }, silent: true,
-    waiting: true, cardRules: [{ on, nth: 1, do: 'delay', ms: 120 }] })),
+  ...STEPS.map((on) => ({ name: `while the card works on ${on}: ends with its answer`, silent: true,
+    trigger: { on, do: 'cancel', after: 30 }, waiting: true, cardRules: [{ on, nth: 1, do: 'delay', ms: 150 }] })),
   ...STEPS.map((on) => ({ name: `while the card works on ${on}: ends when it fails`, trigger: { on, do: 'cancel' }, silent: true,
     cardRules: [{ on, nth: 1, do: 'status' }] })),
   { name: 'in the same moment as the start', trigger: { on: 'at once', do: 'cancel' }, silent: true },

@@ -1,15 +1,21 @@
 // The process under test: the library with an application, a card and a decode server around it. Reads are described
 // by plain data; see `perform`. `main.mjs` makes a program of it that the tests talk to.
 
+import { generateKeyPairSync } from 'node:crypto';
 import { existsSync, readdirSync, readFileSync } from 'node:fs';
 import { stat } from 'node:fs/promises';
 import { resolve } from 'node:path';
 import { setTimeout as sleep } from 'node:timers/promises';
 import { fileURLToPath } from 'node:url';
+import { fromHex } from '../../simulator/lib/bytes.mjs';
 import { CardLink } from '../../simulator/lib/card-link.mjs';
 import { DecodeServer } from '../../simulator/lib/decode-server/server.mjs';
 import { IdentityCard } from '../../simulator/lib/identity-card.mjs';
 import { loadKeys } from '../../simulator/lib/keys.mjs';
+import { PassportChip } from '../../simulator/lib/passport/chip.mjs';
+import { FILE_ID } from '../../simulator/lib/passport/lds.mjs';
+import { issuePassport, PERSONAS } from '../../simulator/lib/passport/specimen.mjs';
+import { expectedPassport } from '../../simulator/lib/passport-persona.mjs';
 import { DEFAULT_IDENTITY, expectedPersona } from '../../simulator/lib/persona.mjs';
 import { DEFAULT_LIBRARY, Reader } from '../../simulator/lib/reader.mjs';
 
@@ -41,6 +47,41 @@ export async function until(condition, ms = kPatience, every = 2) {
   return true;
 }
 
+const kSmallPortrait = `75820130${'5A'.repeat(0x130)}`; // in place of DG2: what matters is that it takes several READs
+const kIssued = new Map();
+let theKey;
+
+/**
+ * A passport by options of `issuePassport`; `overrides` are hexadecimal. With `portrait` it has a real DG2. A `brief` one is
+ * read quickly, since its EF.SOD is no more than an envelope. Issued once in a process; all have the same key of Active
+ * Authentication.
+ */
+function passportOf({ portrait = false, brief = false, overrides, ...options } = {}) {
+  const name = JSON.stringify([portrait, brief, overrides, options]);
+  if (!kIssued.has(name)) {
+    theKey ??= generateKeyPairSync('rsa', { modulusLength: 1024 }).privateKey;
+    const texts = { ...(!portrait && { [FILE_ID.DG2]: kSmallPortrait }), ...(brief && { [FILE_ID.SOD]: '7703020100' }), ...overrides };
+    const others = Object.entries(texts).map(([id, text]) => [Number(id), fromHex(text)]);
+    kIssued.set(name, { brief, ...issuePassport({ aaKey: theKey, ...options,
+      overrides: { ...PERSONAS[options.persona]?.overrides, ...Object.fromEntries(others) } }) });
+  }
+  return kIssued.get(name);
+}
+const kAfterwards = { brief: true, dataGroups: [1, 2, 15], overrides: { [FILE_ID.DG2]: '75045A5A5A5A' } };
+
+/** What the server expects of it, with `changes` to its members; no particular passport when they are null. */
+function expectationOf(passport, changes) {
+  if (changes === null) return undefined;
+  const expected = expectedPassport(passport);
+  if (passport.brief) expected.verification.passiveAuthentication = 'failed';
+  return Object.fromEntries(Object.entries(expected).map(([name, value]) =>
+    [name, changes?.[name] ? { ...value, ...changes[name] } : value]));
+}
+
+/** What a trigger can `do`; the number is what `cancelCard` is called with. */
+const kCancels = { cancel: 0, cancel1: 1, cancel2: 2 };
+const kStarts = { start: undefined, startCard: 'card', startPassport: 'passport' };
+
 /**
  * An application with twists. `twist.card(fn, text)` and so on take the place of an application's function; `fn` is
  * the good one. The clock is `now`, moved by hand, so that every time in every report can be foretold.
@@ -53,13 +94,19 @@ export class App {
   constructor() {
     this.reader = new Reader({ library: LIBRARY, clock: () => this.now });
     this.exports = this.reader.module;
-    const names = { card: 'registerCardCallback', monitor: 'registerMonitorCallback', time: 'registerTimestampCallback',
+    const registrations = { card: 'registerCardCallback', monitor: 'registerMonitorCallback', time: 'registerTimestampCallback',
       result: 'registerResultCallback' };
-    this.reader.module = Object.create(this.exports, Object.fromEntries(Object.entries(names).map(([kind, name]) => [name, {
-      value: (fn) => this.exports[name]((...args) => (this.twist[kind] ? this.twist[kind](fn, ...args) : fn(...args))),
-    }])));
+    const twisted = Object.entries(registrations).map(([kind, name]) => [name,
+      (fn) => this.exports[name]((...args) => (this.twist[kind] ? this.twist[kind](fn, ...args) : fn(...args)))]);
+    const handler = (text, serial, status) => {
+      const times = this.seen.commands.filter(({ name }) => name === this.badFirst?.on).length;
+      if (times === this.badFirst?.nth && this.seen.commands.at(-1).name === this.badFirst.on) this.exports.passportHandler('6982', serial, 0);
+      this.exports.passportHandler(text, serial, status);
+    };
+    this.reader.module = Object.create(this.exports, Object.fromEntries([...twisted, ['passportHandler', handler]].map(
+      ([name, value]) => [name, { value }])));
     this.reader.on('command', ({ name, command, serial }) => {
-      this.now += this.tick.card ?? 0;
+      this.now += this.tick[name] ?? this.tick.card ?? 0;
       this.#saw('commands', { name, command, serial });
     });
     this.reader.on('step', (step) => this.#saw('steps', step));
@@ -76,17 +123,29 @@ export class App {
   }
 
   /**
-   * Lays a card on the phone, starts a decode server and configures the library for both. `setting`: identity, server,
-   * secrets, cardRules, and tick { server, card }: milliseconds that the clock moves for each exchange and command.
+   * Lays a document on the phone, starts a decode server and configures the library for both. `setting`:
+   *   identity, server, secrets, cardRules
+   *   tick      { server, card, ... }: milliseconds that the clock moves for each exchange and command, or for those of a name
+   *   passport  options of `passportOf`: then a passport is read; an identity card is at hand as well
+   *   kind      'card': the identity card is read first although there is a passport
+   *   chip      settings of the chip;  claims: what the application says of the passport, when it is not what is so
+   *   expects   see `expectationOf`;  badFirst { on, nth }: a refusal comes in front of this answer of the chip
    */
-  async open({ identity, server = {}, secrets, cardRules = [], tick = {} } = {}) {
+  async open({ identity, server = {}, secrets, cardRules = [], tick = {}, passport, kind, chip, claims, expects, badFirst } = {}) {
     const who = { ...DEFAULT_IDENTITY, ...identity };
+    this.kind = kind ?? (passport ? 'passport' : 'card');
+    this.readMode = who.readMode;
+    this.badFirst = badFirst;
     this.card = new IdentityCard(secrets);
     this.card.on('difference', ({ message }) => this.#saw('differences', message));
-    this.link = new CardLink(this.card, { rules: cardRules });
+    this.links = { card: new CardLink(this.card) };
+    if (passport) this.#layPassport(passportOf(passport === true ? {} : passport), chip, claims);
+    this.link = this.links[this.kind];
+    this.link.setRules(cardRules);
     this.reader.useLink(this.link);
     this.server = new DecodeServer({ keys: kKeys, persona: expectedPersona(who), card: this.card.secrets(),
-      envIdCode: who.envIdCode, hostTimes: () => this.reader.times, ...server });
+      passport: passport && expectationOf(this.chip.passport, expects), envIdCode: who.envIdCode,
+      hostTimes: () => this.reader.times, ...server });
     this.server.on('difference', ({ message }) => this.#saw('differences', message));
     this.server.on('monitor', ({ raw }) => this.#saw('reports', raw));
     this.server.on('connection', (connection) => this.#saw('connections', connection));
@@ -99,6 +158,19 @@ export class App {
     this.port = port;
     const code = this.reader.init({ ip: host, port, ...who });
     return code === 0 ? Object.values(this.reader.register()).find((value) => value !== 0) ?? 0 : code;
+  }
+
+  #layPassport(passport, settings, claims) {
+    this.chip = new PassportChip(passport, { readMode: this.readMode, ...settings });
+    this.chip.on('difference', ({ message }) => this.#saw('differences', message));
+    this.links.passport = new CardLink(this.chip);
+    this.claims = { ...passport, ...claims };
+  }
+
+  /** Starts a read of this kind. */
+  start(kind = this.kind) {
+    this.reader.useLink(this.links[kind]);
+    return this.reader.start(kind === 'passport' ? this.claims : undefined);
   }
 
   close() {
@@ -121,10 +193,12 @@ export class App {
 
   /**
    * Performs one read and waits until its worker thread is gone. A `trigger` { on, nth, do } does something in its
-   * middle: `on` is a card command's name, a server command, a time in milliseconds or 'at once'; `do` is 'cancel',
-   * 'cancel2' or 'start', as many `times`.
+   * middle: `on` is a card command's name, a server command, a time in milliseconds or 'at once'; `do` is a
+   * row of kCancels or kStarts, as many `times`, 'stop' (the server listens no more, or
+   * `again` after so many milliseconds) or 'answers' (those of the other kind of document). With `after` it
+   * happens that many milliseconds later, when the worker waits for the answer.
    */
-  async read({ trigger, silent = false } = {}) {
+  async read({ trigger, silent = false, kind } = {}) {
     const seen = this.watch();
     const began = Date.now();
     let triggered;
@@ -133,13 +207,19 @@ export class App {
       triggered = performance.now();
       setTimeout(() => { waiting = !this.idle; }, 60);
       for (let times = trigger.times ?? 1; times > 0; times -= 1) {
-        if (trigger.do === 'start') this.reader.start();
-        else this.reader.cancel(trigger.do === 'cancel2' ? 2 : 0);
+        if (trigger.do in kStarts) this.start(kStarts[trigger.do]);
+        else if (trigger.do in kCancels) this.reader.cancel(kCancels[trigger.do]);
+        else if (trigger.do === 'answers') this.#answerOther();
+        else this.close().then(() => trigger.again && sleep(trigger.again)).then(() => trigger.again && this.reopen());
       }
     };
     let left = trigger?.nth ?? 1;
-    this.onEvent = (name) => trigger && name === trigger.on && (left -= 1) === 0 && pull();
-    const { code } = this.reader.start();
+    this.onEvent = (name) => {
+      if (!trigger || name !== trigger.on || (left -= 1) !== 0) return;
+      if (trigger.after) setTimeout(pull, trigger.after);
+      else pull();
+    };
+    const { code } = this.start(kind);
     if (code !== 0) return { code };
     if (typeof trigger?.on === 'number') setTimeout(pull, trigger.on);
     if (trigger?.on === 'at once') pull();
@@ -154,6 +234,12 @@ export class App {
     return { code, ended, latency, waiting, open: isOpen(), ms: Date.now() - began, ...told(seen) };
   }
 
+  /** Hands over answers to every step through the handler that belongs to the other kind of document. */
+  #answerOther() {
+    const handler = this.kind === 'card' ? 'passportHandler' : 'idCardHandler';
+    for (let serial = 0; serial < 14; serial += 1) this.exports[handler](serial % 2 ? '9000' : '6A82', serial, 0);
+  }
+
   /** True when no worker is left. */
   get idle() {
     return entries(kTasks).every((task) => kOthers.has(task) || isKernels(task));
@@ -163,18 +249,22 @@ export class App {
     return until(() => this.idle);
   }
 
-  /** A plain good read with the present server and card. */
-  async goodRead() {
+  /** A plain good read with the present server, of a plain card or a quick passport. */
+  async goodRead(kind = this.kind) {
     this.twist = {};
     this.link.setRules([]);
-    this.server.update({ rules: [], answers: {}, delay: 0, opaqueLength: 0, path: undefined });
-    return this.read();
+    this.badFirst = undefined;
+    const passport = kind === 'passport' ? passportOf(kAfterwards) : undefined;
+    if (passport) this.#layPassport(passport);
+    this.server.update({ rules: [], answers: {}, delay: 0, opaqueLength: 0, path: undefined,
+      ...(passport && { passport: expectationOf(passport) }) });
+    return { kind, ...await this.read({ kind }) };
   }
 }
 
-/** What a record tells the test, in plain data; of several connections, the last one's exchanges. */
+/** What a record tells the test, in plain data; of several reads, the last one's exchanges. */
 function told({ commands, monitors, results, reports, exchanges: all, connections, differences }) {
-  const exchanges = all.filter(({ connection }) => connection === all.at(-1).connection);
+  const exchanges = all.slice(Math.max(0, all.findLastIndex(({ command }) => command === '0x7500')));
   const fields = Object.fromEntries(exchanges.map(({ command, fields: values }) => [command, values]));
   return { commands, monitors, results, reports, differences, fields,
     connections: connections.filter(({ state }) => state === 'open').length,
@@ -184,7 +274,10 @@ function told({ commands, monitors, results, reports, exchanges: all, connection
 const theApp = new App();
 export { theApp as app };
 
-/** One read, and then a good one in the same process. With `nobody`, the first finds no server. */
+/**
+ * One read, and then a good one in the same process; when there is a passport, one of each kind. With `nobody`, the first
+ * finds no server.
+ */
 export async function perform({ trigger, silent, nobody, again = true, ...setting }) {
   try {
     const code = await theApp.open(setting);
@@ -192,7 +285,9 @@ export async function perform({ trigger, silent, nobody, again = true, ...settin
     if (nobody) await theApp.close();
     const outcome = await theApp.read({ trigger, silent });
     if (nobody) await theApp.reopen();
-    return again ? { ...outcome, again: await theApp.goodRead() } : outcome;
+    if (!again) return outcome;
+    return { ...outcome, again: await theApp.goodRead(),
+      ...(setting.passport && { other: await theApp.goodRead(theApp.kind === 'card' ? 'passport' : 'card') }) };
   } finally {
     await theApp.close();
   }

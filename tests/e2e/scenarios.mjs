@@ -13,14 +13,42 @@ const hex = (bytes) => Buffer.from(bytes).toString('hex').toUpperCase();
 export async function logged(setting) {
   await app.open(setting);
   await app.read();
-  const { steps, order, monitors, results } = app.seen;
+  const { steps, order, monitors, results, exchanges } = app.seen;
   app.reader.cancel(2);
   await app.close();
   const dumped = order.flatMap(({ what, value }) => {
     if (what === 'exchanges') return [`Send SR: ${hex(value.request)}`, `Recv SR: ${hex(value.response)}`];
     return what === 'steps' ? [`---cmd: ${value.command}`, `---recv: ${value.answer}`] : [];
   });
-  return { steps, monitors, results, order: dumped, port: app.port };
+  const info = exchanges.find(({ command }) => command === '0x7202')?.fields.info;
+  return { steps, monitors, results, order: dumped, port: app.port, info };
+}
+
+/** The code of `getPassportInfo` with each of these lists of arguments; texts among them stand for other things. */
+export async function passportArguments(lists) {
+  const others = { undefined, null: null, number: 900101, true: true, object: {}, array: ['900101'], function: () => '900101',
+    symbol: Symbol('900101'), bigint: 900101n, String: Object('900101') };
+  const codes = [];
+  await app.open({ passport: true });
+  for (const list of lists) {
+    const code = app.exports.getPassportInfo(...list.map((value) => (value?.kind ? others[value.kind] : value)));
+    codes.push(code);
+    if (code !== 0) continue;
+    app.reader.cancel(1);
+    await app.quiet();
+  }
+  await app.close();
+  return codes;
+}
+
+/** `getPassportInfo` before its time, and the steps that make it possible: their codes. */
+export async function earlyPassport() {
+  const start = (...list) => app.exports.getPassportInfo(...list);
+  const given = ['SPEC01234', '900101', '341231'];
+  const codes = [start(...given), start(), Object.values(app.reader.register()).find((code) => code !== 0) ?? 0, start(...given),
+    await app.open({ passport: true })];
+  await app.close();
+  return codes;
 }
 
 /** The code of `initSdk` with each of these identities, and of the `getIdInfo` that follows. */
@@ -82,7 +110,7 @@ export async function lengthOfAnswer({ on, ...setting }) {
 export async function idle() {
   await app.open({ server: { rules: [{ on: 'connect', do: 'silence' }] } });
   const seen = app.watch();
-  app.reader.start();
+  app.start();
   await sleep(500);
   const before = process.cpuUsage();
   await until(() => seen.results.length > 0, 60_000, 1000);
@@ -99,6 +127,19 @@ export async function lateServer({ ms, trigger }) {
   const outcome = await app.read({ trigger });
   await app.close();
   return outcome;
+}
+
+/** Passport reads whose chips misbehave by these rules: codes of the results of each, and of a good read that follows. */
+export async function misbehavedReads(lists) {
+  const rows = [];
+  for (const cardRules of lists) {
+    await app.open({ passport: { brief: true }, expects: null, chip: { order: 'any' }, server: { monitorText: 'any' }, cardRules });
+    const { results, ended } = await app.read();
+    const { results: again } = await app.goodRead();
+    await app.close();
+    rows.push({ ended, codes: results.map((text) => JSON.parse(text).code), again: again.map((text) => JSON.parse(text).code) });
+  }
+  return rows;
 }
 
 // --- applications that do not behave -----------------------------------------------------------------------------------
@@ -169,8 +210,8 @@ export async function twisted({ server, ...twists }) {
 export async function chain(length) {
   await app.open();
   const seen = app.watch();
-  app.twist = { result: afterwards(() => seen.results.length < length && app.reader.start()) };
-  app.reader.start();
+  app.twist = { result: afterwards(() => seen.results.length < length && app.start()) };
+  app.start();
   await until(() => seen.results.length === length);
   app.twist = {};
   await app.close();
@@ -190,7 +231,7 @@ export async function flood(answers) {
     },
   };
   app.watch();
-  app.reader.start();
+  app.start();
   await until(() => serials.length > 4);
   await sleep(100); // for a fifth
   const followed = [...serials];
@@ -246,13 +287,14 @@ export async function onlyRegister() {
   app.reader.register();
 }
 
-/** Cancels a read whose card never answers. */
-export async function abandoned() {
-  await app.open({ cardRules: [{ on: 'READ 6002', do: 'silence' }] });
+/** Cancels a read whose card or chip never answers; a passport's waits for its chip without a connection. */
+export async function abandoned({ passport }) {
+  const on = passport ? 'READ DG1' : 'READ 6002';
+  await app.open({ passport, cardRules: [{ on, do: 'silence' }] });
   app.watch();
-  app.onEvent = (name) => name === 'READ 6002' && app.reader.cancel();
-  app.reader.start();
-  await until(() => app.seen.connections.length > 1);
+  app.onEvent = (name) => name === on && app.reader.cancel(passport ? 1 : 0);
+  app.start();
+  await until(() => app.seen.connections.length > 1 && app.seen.commands.at(-1)?.name === on);
   await app.close();
 }
 
@@ -260,7 +302,7 @@ export async function abandoned() {
 export async function replaced() {
   await app.open();
   app.watch();
-  app.reader.start();
+  app.start();
   app.exports.registerResultCallback(null);
   await until(() => app.seen.monitors.length > 0);
   await app.quiet();
@@ -273,16 +315,16 @@ export async function startSlowly(ms) {
   await app.open({ cardRules: [{ on: 'REQB', do: 'delay', ms }] });
   app.watch();
   app.twist = { result: afterwards(() => app.close()) };
-  app.reader.start();
+  app.start();
 }
 
 /**
  * Starts a read and calls `then` when it has come to a moment: 'at once', 'connect' (where nobody listens), a card or
  * server command (which is never answered), a function of the application by its name, or 'never'.
  */
-export async function startUpTo(on, then) {
+export async function startUpTo({ on, passport }, then) {
   const silent = { on, do: 'silence' };
-  await app.open(on.startsWith('0x') ? { server: { rules: [silent] } } : { cardRules: on.includes('E') ? [silent] : [] });
+  await app.open({ passport, ...(on.startsWith('0x') ? { server: { rules: [silent] } } : { cardRules: on.includes('E') ? [silent] : [] }) });
   app.twist = { [on]: (fn, ...args) => then() ?? busy(50) ?? fn(...args) };
   if (on === 'never') {
     const { results } = await app.read();
@@ -295,26 +337,26 @@ export async function startUpTo(on, then) {
   }
   app.watch();
   app.onEvent = (name) => name === on && then();
-  app.reader.start();
+  app.start();
   if (on === 'at once') then();
   return undefined;
 }
 
-export async function exitAt(on) {
-  await startUpTo(on, () => process.exit());
+export async function exitAt(moment) {
+  await startUpTo(moment, () => process.exit());
   await sleep(60_000);
 }
 
-const thread = (on) => new Worker(new URL('./thread.mjs', import.meta.url), { workerData: on });
+const thread = (moment) => new Worker(new URL('./thread.mjs', import.meta.url), { workerData: moment });
 
 /** Ends a thread in the middle of its read, then reads. */
-export async function endThread(on) {
-  const worker = thread(on);
+export async function endThread(moment) {
+  const worker = thread(moment);
   const ended = once(worker, 'exit');
   await once(worker, 'message');
-  if (on !== 'never') worker.terminate();
+  if (moment.on !== 'never') worker.terminate();
   await ended;
-  return perform({});
+  return perform({ passport: moment.passport });
 }
 
 /** A read here, while a thread loads the library and ends. */
@@ -331,17 +373,17 @@ export async function besideThread() {
 }
 
 /** Reads in a row, some of them broken off or failing: descriptors and threads before and after, unexpected results. */
-export async function manyReads(count) {
-  await app.open();
+export async function manyReads({ count, passport }) {
+  await app.open({ passport });
   await app.goodRead();
   const numbers = () => ({ descriptors: numDescriptors(), threads: numThreads() });
   const before = numbers();
   const bad = [];
   for (let i = 0; i < count; i += 1) {
-    const [on, fails] = ['0x5001', i % 5 === 4];
+    const [on, fails] = [passport ? ['0x7201', '0x7202'][(i >> 1) % 2] : '0x5001', i % 5 === 4];
     app.server.update({ rules: fails ? [{ on, do: i % 2 ? 'close' : 'silence' }] : [] });
     const cancels = fails && i % 2 === 0;
-    const { results } = await app.read(cancels ? { trigger: { on, do: 'cancel' }, silent: true } : {});
+    const { results } = await app.read(cancels ? { trigger: { on, do: passport ? 'cancel1' : 'cancel' }, silent: true } : {});
     const code = cancels ? undefined : fails ? -22003 : 0;
     if ((results[0] && JSON.parse(results[0]).code) !== code) bad.push(`${i}: ${results[0]}`);
   }

@@ -4,4 +4,4 @@ import { parentPort, workerData } from 'node:worker_threads';
 import { startUpTo } from './scenarios.mjs';
 
 const came = await startUpTo(workerData, () => parentPort.postMessage('now'));
-if (workerData === 'never') parentPort.postMessage(came);
+if (workerData.on === 'never') parentPort.postMessage(came);

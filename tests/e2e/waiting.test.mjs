@@ -3,11 +3,12 @@
 
 import assert from 'node:assert/strict';
 import { describe, test } from 'node:test';
-import { alone, check, SANITIZED } from './support.mjs';
+import { alone, check, SANITIZED, USUAL_FILES } from './support.mjs';
 
 const kLimit = 5000; // ms, for connecting and for each answer
 const kSlack = SANITIZED ? 20000 : 2000;
 const kIdleCpu = SANITIZED ? 1000 : 50; // ms in five seconds
+const kPassport = { brief: true };
 const silent = (on) => ({ rules: [{ on, do: 'silence' }] });
 const kSlowCard = { server: 201 };
 
@@ -22,6 +23,12 @@ const kCases = [
   { name: 'a length too large', server: { rules: [{ on: '0x5001', do: 'malformed', kind: 'lengthLong' }] }, code: -22003 },
   { name: 'late, but in time', server: { rules: [{ on: '0x7500', do: 'delay', ms: 3500 }] }, least: 3500 },
   { name: 'nobody listens', nobody: true, code: -20001, told: 'none' },
+  { name: 'a passport: silent at 0x7201', passport: kPassport, server: silent('0x7201'), code: -22003 },
+  { name: 'a passport: silent at 0x7202', passport: kPassport, server: silent('0x7202'), code: -22003, sod: USUAL_FILES[2], told: 'both' },
+  { name: 'a passport: silent at 0x7219', passport: kPassport, server: silent('0x7219') },
+  { name: 'a passport: nobody listens when the files are read', passport: kPassport, trigger: { on: 'READ DG14', do: 'stop', again: 5500 },
+    code: -20001, told: 'both' },
+  { name: 'a passport: the server is back in time', passport: kPassport, trigger: { on: 'READ DG14', do: 'stop', again: 700 }, least: 700 },
   { name: 'port 0', identity: { port: 0 }, code: -20001, told: 'none', again: false },
 ];
 
