@@ -3,12 +3,17 @@
 //
 // Ciphers: on both sides the key is set once and each message starts from a vector (EVP_CipherInit_ex with a
 // null key). Hashes: each message is hashed from the start (EVP_DigestInit_ex on one context). HMAC: one call
-// from key to MAC on both sides. Passports: everything from the bytes of the keys on, on both sides. Runs are
-// repeated in random order; the table has the medians. A megabyte is a million bytes.
+// from key to MAC on both sides. Passports: everything from the bytes of the keys on, on both sides. RC4: the
+// key stream goes on from message to message. RSA: the public operation without padding; OpenSSL keeps what
+// it has computed about the key, ours starts from the bytes of the key each time. Runs are repeated in random
+// order; the table has the medians. A megabyte is a million bytes.
 #include <benchmark/benchmark.h>
+#include <openssl/bn.h>
+#include <openssl/core_names.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 #include <openssl/provider.h>
+#include <openssl/rsa.h>
 
 #include <algorithm>
 #include <array>
@@ -21,8 +26,14 @@
 #include <string>
 #include <vector>
 
+#include "crypto/aes128.hpp"
 #include "crypto/des.h"
+#include "crypto/hmac.hpp"
+#include "crypto/md5.hpp"
+#include "crypto/rc4.hpp"
+#include "crypto/rsa.hpp"
 #include "crypto/sha1.h"
+#include "crypto/sha256.hpp"
 #include "crypto/sm3.h"
 #include "crypto/sm4.h"
 #include "openssl_messaging.hpp"
@@ -31,6 +42,7 @@
 namespace {
 
 constexpr int32_t kFileChunk = 212;  // of one READ BINARY
+constexpr int32_t kRsaLen = 256;
 constexpr size_t kRoom = 16384 + 64;
 constexpr int kEncrypt = 1;
 constexpr int kDecrypt = 0;
@@ -109,6 +121,79 @@ Run our_des_cbc(SetKey set_key, Crypt crypt, int32_t mode) {
   };
 }
 
+template <typename Crypt>
+Run our_aes_cbc(Crypt crypt) {
+  auto key = std::make_shared<tq::Aes128>(std::span<const uint8_t, 16>(kKey.data(), 16));
+  return [key, crypt](const Message& in, int32_t length, Message& out) {
+    std::array<uint8_t, 16> iv;
+    std::copy_n(kKey.begin(), iv.size(), iv.begin());
+    crypt(*key, iv, {in.data(), static_cast<size_t>(length)}, out);
+  };
+}
+
+template <class Hash>
+void our_digest(const Message& in, int32_t length, Message& out) {
+  Hash hash;
+  hash.update({in.data(), static_cast<size_t>(length)});
+  hash.finish(std::span<uint8_t, Hash::kDigestLen>(out.data(), Hash::kDigestLen));
+}
+
+void our_hmac_sha256(const Message& in, int32_t length, Message& out) {
+  tq::Hmac<tq::Sha256> hmac(kKey);
+  hmac.update({in.data(), static_cast<size_t>(length)});
+  hmac.finish(std::span<uint8_t, 32>(out.data(), 32));
+}
+
+Run our_rc4() {
+  auto cipher = std::make_shared<tq::Rc4>(std::span<const uint8_t>(kKey).first<16>());
+  return [cipher](const Message& in, int32_t length, Message& out) {
+    cipher->apply({in.data(), static_cast<size_t>(length)}, out);
+  };
+}
+
+Run openssl_rc4() {
+  std::shared_ptr<EVP_CIPHER_CTX> ctx(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
+  require(EVP_CipherInit_ex(ctx.get(), EVP_rc4(), nullptr, kKey.data(), nullptr, kEncrypt) == 1,
+          "EVP_CipherInit_ex");
+  return [ctx](const Message& in, int32_t length, Message& out) {
+    int written = 0;
+    EVP_CipherUpdate(ctx.get(), out.data(), &written, in.data(), length);
+  };
+}
+
+// A new key for each run of the program; the message is shifted down, so that it is below the modulus.
+Primitive rsa_public_operation() {
+  const std::shared_ptr<EVP_PKEY> key(EVP_RSA_gen(8 * kRsaLen), EVP_PKEY_free);
+  require(key != nullptr, "EVP_RSA_gen");
+  BIGNUM* n = nullptr;
+  require(EVP_PKEY_get_bn_param(key.get(), OSSL_PKEY_PARAM_RSA_N, &n) == 1, "the modulus");
+  Message modulus(kRsaLen);
+  BN_bn2binpad(n, modulus.data(), kRsaLen);
+  BN_free(n);
+  const std::shared_ptr<EVP_PKEY_CTX> ctx(EVP_PKEY_CTX_new(key.get(), nullptr), EVP_PKEY_CTX_free);
+  require(EVP_PKEY_encrypt_init(ctx.get()) == 1, "EVP_PKEY_encrypt_init");
+  require(EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_NO_PADDING) == 1, "RSA without padding");
+  const auto below_modulus = [](const Message& in) {
+    std::array<uint8_t, kRsaLen> message{};
+    std::copy_n(in.begin(), message.size() - 1, message.begin() + 1);
+    return message;
+  };
+  return {"RSA-2048 public",
+          [modulus, below_modulus](const Message& in, int32_t /*length*/, Message& out) {
+            constexpr std::array<uint8_t, 3> exponent = {1, 0, 1};
+            require(tq::rsa_public({modulus, exponent}, below_modulus(in), std::span(out).first(kRsaLen)),
+                    "rsa_public");
+          },
+          [ctx, key, below_modulus](const Message& in, int32_t length, Message& out) {
+            size_t out_len = out.size();
+            const auto message = below_modulus(in);
+            require(EVP_PKEY_encrypt(ctx.get(), out.data(), &out_len, message.data(),
+                                     static_cast<size_t>(length)) == 1,
+                    "EVP_PKEY_encrypt");
+          },
+          {kRsaLen}};
+}
+
 // A new counter for every message, so that all runs do the same.
 struct Counter {
   std::array<uint8_t, 8> ssc = {0x88, 0x70, 0x22, 0x12, 0x0C, 0x06, 0xC2, 0x26};
@@ -174,6 +259,17 @@ std::vector<Primitive> primitives() {
          TQSHA1Parse(in.data(), static_cast<size_t>(length), out.data(), 20);
        },
        openssl_digest(EVP_sha1())},
+      {"SHA-256", our_digest<tq::Sha256>, openssl_digest(EVP_sha256())},
+      {"HMAC-SHA-256", our_hmac_sha256,
+       [](const Message& in, int32_t length, Message& out) {
+         HMAC(EVP_sha256(), kKey.data(), kKey.size(), in.data(), static_cast<size_t>(length), out.data(),
+              nullptr);
+       }},
+      {"MD5", our_digest<tq::Md5>, openssl_digest(EVP_md5())},
+      {"AES-CBC encrypt", our_aes_cbc(tq::aes128_cbc_encrypt), openssl_cipher(EVP_aes_128_cbc(), kEncrypt)},
+      {"AES-CBC decrypt", our_aes_cbc(tq::aes128_cbc_decrypt), openssl_cipher(EVP_aes_128_cbc(), kDecrypt)},
+      {"RC4", our_rc4(), openssl_rc4()},
+      rsa_public_operation(),
       {"SM4-ECB", our_sm4_ecb(), openssl_cipher(EVP_sm4_ecb(), kEncrypt)},
       {"SM4-CBC encrypt", our_sm4_cbc(kEncrypt), openssl_cipher(EVP_sm4_cbc(), kEncrypt)},
       {"SM4-CBC decrypt", our_sm4_cbc(kDecrypt), openssl_cipher(EVP_sm4_cbc(), kDecrypt)},

@@ -1,4 +1,4 @@
-#include "crypto/sha1.h"
+#include "crypto/sha1.hpp"
 
 #include <algorithm>
 #include <array>
@@ -143,3 +143,34 @@ int32_t TQSHA1Parse(const uint8_t* data, size_t length, uint8_t* digest, int32_t
 }
 
 }  // extern "C"
+
+namespace tq {
+
+Sha1::Sha1() {
+  TQSHA1Reset(&ctx_);
+}
+
+Sha1::~Sha1() {
+  wipe(this, sizeof *this);
+}
+
+void Sha1::update(std::span<const uint8_t> data) {
+  TQSHA1Input(&ctx_, data.data(), data.size());
+}
+
+void Sha1::finish(std::span<uint8_t, kDigestLen> digest) {
+  TQSHA1Result(&ctx_, digest.data());
+  TQSHA1Reset(&ctx_);
+}
+
+void Sha1::finish_hiding_length(std::span<const uint8_t> tail, size_t len,
+                                std::span<uint8_t, kDigestLen> digest) {
+  complete_hiding_length(ctx_.Intermediate_Hash, ctx_.Message_Block,
+                         static_cast<size_t>(ctx_.Message_Block_Index), bit_len(ctx_) / 8, tail, len,
+                         [this](auto blocks) { compress(ctx_.Intermediate_Hash, blocks); });
+  ctx_.Computed = 1;  // what Result would compute has just been done
+  finish(digest);
+  wipe(ctx_.Message_Block);
+}
+
+}  // namespace tq

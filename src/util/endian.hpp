@@ -1,4 +1,4 @@
-// Big-endian words in byte buffers. The caller has made sure that the bytes are there.
+// Words in byte buffers. The caller has made sure that the bytes are there.
 #pragma once
 
 #include <cstdint>
@@ -14,6 +14,17 @@ constexpr void store_be32(uint32_t value, uint8_t* out) {
   out[1] = static_cast<uint8_t>(value >> 16);
   out[2] = static_cast<uint8_t>(value >> 8);
   out[3] = static_cast<uint8_t>(value);
+}
+
+constexpr uint32_t load_le32(const uint8_t* in) {
+  return uint32_t{in[3]} << 24 | uint32_t{in[2]} << 16 | uint32_t{in[1]} << 8 | uint32_t{in[0]};
+}
+
+constexpr void store_le32(uint32_t value, uint8_t* out) {
+  out[0] = static_cast<uint8_t>(value);
+  out[1] = static_cast<uint8_t>(value >> 8);
+  out[2] = static_cast<uint8_t>(value >> 16);
+  out[3] = static_cast<uint8_t>(value >> 24);
 }
 
 }  // namespace tq
