@@ -1,0 +1,458 @@
+// A whole connection. Choices: suite, bytes that come at a time, whether a name is sent and a certificate
+// asked for. The content is a series of turns of the server, each a byte that says what it does and what that
+// takes. The server knows all secrets from the client's random source, so its good messages are good however
+// deep the connection is.
+#include "crypto/sha256.hpp"
+#include "tls/client.hpp"
+#include "tls/handshake_messages.hpp"
+#include "tls_channel.hpp"
+
+namespace {
+
+using namespace fuzz;
+using tq::tls::Alert;
+using tq::tls::ContentType;
+
+enum Turn : uint8_t {
+  kGood,       // the message that comes next; behind Finished application data
+  kChanged,    // place (2), value: the same with one byte changed
+  kCut,        // len (2): the start of it, with the length in its header corrected
+  kLonger,     // len, bytes: the same with bytes behind it
+  kMessage,    // type, len (2), bytes
+  kRecord,     // type, len (2), bytes: protected when the others are
+  kRaw,        // len (2), bytes
+  kFragments,  // len: of the records from here on; 0 for whole messages
+  kHelloRequest,
+  kWarning,  // description
+  kClose,    // close_notify
+  kSkip,     // leaves the message that comes next out
+  kKeys,     // turns on the protection
+  kNumTurns,
+};
+
+enum class Next : uint8_t { kHello, kCertificate, kRequest, kDone, kChangeCipherSpec, kFinished, kData };
+
+// A DER element of up to 255 bytes.
+Bytes element(uint8_t tag, std::initializer_list<View> parts) {
+  Bytes content;
+  for (const View part : parts) append(content, part);
+  require(content.size() <= 255);
+  Bytes out = {tag};
+  if (content.size() > 127) out.push_back(0x81);
+  out.push_back(static_cast<uint8_t>(content.size()));
+  append(out, content);
+  return out;
+}
+
+// With a key of 1024 bits whose factors nobody needs.
+Bytes certificate() {
+  const Bytes modulus(128, 0xC5);
+  const Bytes key = element(0x30, {element(0x02, {Bytes{0}, modulus}), element(0x02, {Bytes{3}})});
+  const Bytes algorithm = {0x30, 0x0D, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86,
+                           0xF7, 0x0D, 0x01, 0x01, 0x01, 0x05, 0x00};
+  const Bytes info = element(0x30, {algorithm, element(0x03, {Bytes{0}, key})});
+  const Bytes empty = element(0x30, {});
+  const Bytes body = element(0x30, {element(0x02, {Bytes{5}}), empty, empty, empty, empty, info});
+  return element(0x30, {body, empty, element(0x03, {Bytes{0}})});
+}
+
+Bytes message(uint8_t type, View body) {
+  Bytes out = {type};
+  append_number(out, body.size(), 3);
+  append(out, body);
+  return out;
+}
+
+class Server final : public TlsChannel {
+ public:
+  Server(Choices choices, const tq::tls::Suite& suite, size_t piece, bool named, bool requests)
+      : TlsChannel(piece), choices_(choices), suite_(&suite), named_(named), requests_(requests) {
+    randoms_.server.fill(0x51);
+  }
+
+  bool more() override {
+    if (choices_.content().empty() || num_turns_++ == kMostTurns) return false;
+    const uint8_t turn = choices_.next() % kNumTurns;
+    switch (turn) {
+      case kGood:
+        send_next([](Bytes&) {});
+        break;
+      case kChanged: {
+        const size_t place = number();
+        const uint8_t value = choices_.next();
+        send_next([&](Bytes& good) {
+          if (value == 0) return;
+          good[place % good.size()] ^= value;
+          faithful_ = false;
+        });
+        break;
+      }
+      case kCut: {
+        const size_t len = number();
+        send_next([&](Bytes& good) {
+          if (good.size() < 4 || len >= good.size() - 4) return;
+          good = message(good[0], View(good).subspan(4, len));
+          faithful_ = false;
+        });
+        break;
+      }
+      case kLonger: {
+        const Bytes tail = bytes(choices_.next());
+        send_next([&](Bytes& good) {
+          if (tail.empty() || good.size() < 4) return;
+          append(good, tail);
+          good = message(good[0], View(good).subspan(4));
+          faithful_ = false;
+        });
+        break;
+      }
+      case kMessage: {
+        const uint8_t type = choices_.next();
+        const Bytes body = bytes(number());
+        faithful_ = false;
+        send_handshake(message(type, body));
+        break;
+      }
+      case kRecord: {
+        const uint8_t type = choices_.next();
+        const Bytes content = bytes(number());
+        faithful_ = false;
+        if (type == static_cast<uint8_t>(ContentType::kHandshake)) lose_track();
+        if (content.size() <= tq::tls::kMaxPlainLen) send_record(static_cast<ContentType>(type), content);
+        break;
+      }
+      case kRaw: {
+        const Bytes raw = bytes(number());
+        faithful_ = false;
+        if (writing_.started() && !raw.empty()) authentic_ = false;
+        lose_track();
+        give(raw);
+        break;
+      }
+      case kFragments:
+        fragment_len_ = choices_.next();
+        break;
+      case kHelloRequest:
+        if (++num_hello_requests_ > tq::tls::kMaxHelloRequests) faithful_ = false;
+        send_handshake(message(0, {}));
+        break;
+      case kWarning: {
+        const uint8_t description = choices_.next();
+        if (description == 0 || ++num_warnings_ > tq::tls::kMaxWarnings) faithful_ = false;
+        if (description == 0) closed_ = true;
+        send_record(ContentType::kAlert, Bytes{1, description});
+        break;
+      }
+      case kClose:
+        if (next_ != Next::kData) faithful_ = false;
+        closed_ = true;
+        send_record(ContentType::kAlert, Bytes{1, 0});
+        break;
+      case kSkip:
+        faithful_ = false;
+        go_on();
+        break;
+      default:
+        faithful_ = false;
+        turn_on_keys();
+        break;
+    }
+    return true;
+  }
+
+  // Checks what the client sends, and takes from it what the keys need.
+  void sent(View bytes) override {
+    if (!tracked_) return;
+    append(from_client_, bytes);
+    Fields in(from_client_);
+    while (!in.rest().empty()) {
+      require(!ended_);  // nothing comes behind a fatal alert
+      const auto type = static_cast<ContentType>(in.take(1)[0]);
+      const size_t version = in.number(2);
+      require(version == 0x0303 || version == 0x0301);
+      const View fragment = in.counted();
+      Bytes room(fragment.begin(), fragment.end());
+      std::span<uint8_t> content;
+      require(reading_.open(type, room, content));
+      require(!content.empty() && content.size() <= tq::tls::kMaxPlainLen);
+      take_record(type, content);
+    }
+    from_client_.clear();
+  }
+
+  bool faithful() const { return faithful_; }
+  bool finished() const { return finished_; }
+  bool closed() const { return closed_; }
+  bool ended() const { return ended_; }
+  // Whatever came, the client may have been given the start of this and nothing else.
+  const Bytes& data() const { return data_; }
+
+ private:
+  static constexpr size_t kMostTurns = 300;
+
+  class Fields {
+   public:
+    explicit Fields(View rest) : rest_(rest) {}
+    View take(size_t len) {
+      require(len <= rest_.size());
+      const View front = rest_.first(len);
+      rest_ = rest_.subspan(len);
+      return front;
+    }
+    size_t number(size_t width) {
+      size_t value = 0;
+      for (const uint8_t byte : take(width)) value = value << 8 | byte;
+      return value;
+    }
+    View counted() { return take(number(2)); }
+    View rest() const { return rest_; }
+
+   private:
+    View rest_;
+  };
+
+  size_t number() {
+    const size_t high = choices_.next();
+    return high << 8 | choices_.next();
+  }
+  Bytes bytes(size_t len) {
+    const View rest = choices_.content();
+    Bytes out(rest.begin(), rest.begin() + static_cast<ptrdiff_t>(std::min(len, rest.size())));
+    for (size_t i = 0; i < out.size(); ++i) choices_.next();
+    return out;
+  }
+
+  // --- the client's side ---
+
+  void take_record(ContentType type, View content) {
+    switch (type) {
+      case ContentType::kAlert:
+        require(content.size() == 2 && (content[0] == 2 || content[1] == 0 || content[1] == 100));
+        ended_ = content[0] == 2;
+        break;
+      case ContentType::kChangeCipherSpec:
+        require(content.size() == 1 && content[0] == 1 && have_keys_ && !reading_.started());
+        keys().start_client_side(reading_);
+        break;
+      case ContentType::kHandshake:
+        append(client_messages_, content);
+        take_messages();
+        break;
+      default:
+        require(finished_);
+    }
+  }
+
+  void take_messages() {
+    while (client_messages_.size() >= 4) {
+      const size_t len = size_t{client_messages_[2]} << 8 | client_messages_[3];
+      if (client_messages_.size() < 4 + len) return;
+      const Bytes whole(client_messages_.begin(), client_messages_.begin() + static_cast<ptrdiff_t>(4 + len));
+      client_messages_.erase(client_messages_.begin(),
+                             client_messages_.begin() + static_cast<ptrdiff_t>(4 + len));
+      if (whole[0] == 1) std::copy_n(whole.begin() + 6, 32, randoms_.client.begin());
+      if (whole[0] == 20) check_finished(whole);
+      transcript_.update(whole);
+      if (whole[0] == 16) make_keys();
+    }
+  }
+
+  // The random source has given 32 bytes for the hello, and then those of the premaster secret.
+  void make_keys() {
+    CountingRandom same;
+    std::array<uint8_t, 32> hello{};
+    require(same.fill(hello));
+    require(std::equal(hello.begin(), hello.end(), randoms_.client.begin()));
+    std::array<uint8_t, tq::tls::kPremasterLen> premaster = {3, 3};
+    require(same.fill(std::span(premaster).subspan<2>()));
+    tq::tls::derive_master_secret(premaster, randoms_, master_);
+    have_keys_ = true;
+  }
+  tq::tls::KeyBlock keys() const { return {*suite_, master_, randoms_}; }
+
+  std::array<uint8_t, tq::tls::kVerifyDataLen> verify_data(tq::tls::Side side) const {
+    tq::Sha256 hash = transcript_;
+    std::array<uint8_t, 32> digest{};
+    hash.finish(digest);
+    std::array<uint8_t, tq::tls::kVerifyDataLen> out{};
+    tq::tls::derive_verify_data(side, master_, digest, out);
+    return out;
+  }
+  void check_finished(View whole) const {
+    const auto expected = verify_data(tq::tls::Side::kClient);
+    require(have_keys_ && std::equal(expected.begin(), expected.end(), whole.begin() + 4, whole.end()));
+  }
+
+  // --- the server's side ---
+
+  Bytes next_message() const {
+    Bytes body;
+    switch (next_) {
+      case Next::kHello:
+        body = {3, 3};
+        append(body, randoms_.server);
+        body.push_back(0);
+        append_number(body, suite_->id, 2);
+        body.push_back(0);
+        append(body, named_ ? View(kNamedExtensions) : View(kExtensions));
+        return message(2, body);
+      case Next::kCertificate: {
+        static const Bytes leaf = certificate();
+        append_number(body, 2 * (leaf.size() + 3), 3);
+        for (int i = 0; i < 2; ++i) {
+          append_number(body, leaf.size(), 3);
+          append(body, leaf);
+        }
+        return message(11, body);
+      }
+      case Next::kRequest:
+        return message(13, Bytes{1, 1, 0, 2, 4, 1, 0, 4, 0, 2, 0x30, 0});
+      case Next::kDone:
+        return message(14, {});
+      case Next::kFinished:
+        return message(20, verify_data(tq::tls::Side::kServer));
+      default:
+        return {};
+    }
+  }
+
+  template <typename Change>
+  void send_next(Change change) {
+    if (next_ == Next::kData || next_ == Next::kChangeCipherSpec) {
+      Bytes content = {1};
+      if (next_ == Next::kData) content = Bytes(1 + data_.size() % 40, static_cast<uint8_t>(data_.size()));
+      const auto type = next_ == Next::kData ? ContentType::kApplicationData : ContentType::kChangeCipherSpec;
+      if (next_ == Next::kChangeCipherSpec) change(content);
+      send_record(type, content);
+      if (next_ == Next::kChangeCipherSpec) turn_on_keys();
+    } else {
+      Bytes good = next_message();
+      change(good);
+      if (next_ == Next::kFinished) finished_ = good == next_message();
+      send_handshake(good);
+    }
+    go_on();
+  }
+
+  void go_on() {
+    if (next_ == Next::kData) return;
+    next_ = static_cast<Next>(static_cast<uint8_t>(next_) + 1);
+    if (next_ == Next::kRequest && !requests_) next_ = Next::kDone;
+  }
+
+  void turn_on_keys() {
+    if (have_keys_ && !writing_.started()) keys().start_server_side(writing_);
+  }
+
+  // Handshake bytes that are not whole messages: what the client makes of them is not followed any more.
+  void lose_track() {
+    if (!have_keys_) tracked_ = false;
+  }
+
+  // What the client takes from the hello, which need not be a good one.
+  void note_hello(View hello) {
+    constexpr size_t kSessionAt = 38;
+    if (hello[0] != 2 || hello_noted_ || hello.size() <= kSessionAt) return;
+    hello_noted_ = true;
+    std::copy_n(hello.begin() + 6, randoms_.server.size(), randoms_.server.begin());
+    const size_t suite_at = kSessionAt + 1 + hello[kSessionAt];
+    if (hello.size() < suite_at + 2) return;
+    for (const auto& suite : tq::tls::kSuites) {
+      if (suite.id == (hello[suite_at] << 8 | hello[suite_at + 1])) suite_ = &suite;
+    }
+  }
+
+  void send_handshake(View whole) {
+    if (whole[0] != 0) transcript_.update(whole);
+    note_hello(whole);
+    const size_t step = fragment_len_ == 0 ? tq::tls::kMaxPlainLen : fragment_len_;
+    for (size_t at = 0; at < whole.size(); at += step) {
+      send_record(ContentType::kHandshake, whole.subspan(at, std::min(step, whole.size() - at)));
+    }
+  }
+
+  void send_record(ContentType type, View content) {
+    Bytes record(5 + content.size() + tq::tls::kMaxSealingLen);
+    CountingRandom random;
+    size_t len = content.size();
+    if (writing_.started())
+      len = writing_.seal(type, content, random, std::span(record).subspan(5));
+    else
+      std::copy(content.begin(), content.end(), record.begin() + 5);
+    record[0] = static_cast<uint8_t>(type);
+    record[1] = record[2] = 3;
+    record[3] = static_cast<uint8_t>(len >> 8);
+    record[4] = static_cast<uint8_t>(len);
+    record.resize(5 + len);
+    give(record);
+    if (type != ContentType::kAlert) num_warnings_ = 0;
+    if (type == ContentType::kApplicationData && writing_.started() && authentic_ && !closed_)
+      append(data_, content);
+  }
+
+  static constexpr uint8_t kExtensions[] = {0, 5, 0xFF, 1, 0, 1, 0};
+  static constexpr uint8_t kNamedExtensions[] = {0, 9, 0, 0, 0, 0, 0xFF, 1, 0, 1, 0};
+
+  Choices choices_;
+  const tq::tls::Suite* suite_;
+  bool named_;
+  bool requests_;
+  bool faithful_ = true;  // nothing has been sent that a good server could not have sent
+  bool tracked_ = true;   // the client's messages can be followed
+  bool hello_noted_ = false;
+  bool authentic_ = true;  // every record so far has its right number
+  bool finished_ = false;
+  bool closed_ = false;
+  bool ended_ = false;
+  bool have_keys_ = false;
+  Next next_ = Next::kHello;
+  size_t num_turns_ = 0;
+  int num_hello_requests_ = 0;
+  int num_warnings_ = 0;
+  size_t fragment_len_ = 0;
+  tq::tls::HelloRandoms randoms_{};
+  std::array<uint8_t, tq::tls::kMasterLen> master_{};
+  tq::Sha256 transcript_;
+  tq::tls::RecordProtection reading_;
+  tq::tls::RecordProtection writing_;
+  Bytes from_client_;
+  Bytes client_messages_;
+  Bytes data_;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  Choices choices(data, size);
+  const auto& suite = tq::tls::kSuites[choices.next() % std::size(tq::tls::kSuites)];
+  const size_t piece = choices.next() + size_t{1};
+  const uint8_t flags = choices.next();
+  const bool named = (flags & 1) != 0;
+
+  Server server(choices, suite, piece, named, (flags & 2) != 0);
+  CountingRandom random;
+  const auto client = std::make_unique<tq::tls::Client>(server, random);
+  if (named) require(client->set_server_name("host.test"));
+  const bool connected = client->connect();
+  if (connected) require(server.finished());
+  if (!connected && server.finished()) require(!server.faithful());
+  require(connected == client->connect());
+
+  Bytes received;
+  if (connected) {
+    require(client->write(View(certificate())) || server.closed() || server.ended());
+    std::array<uint8_t, 100> out;
+    ptrdiff_t n = 0;
+    while ((n = client->read(out)) > 0) append(received, View(out).first(static_cast<size_t>(n)));
+    require(received.size() <= server.data().size());
+    require(std::equal(received.begin(), received.end(), server.data().begin()));
+    if (n == 0) require(server.closed());
+    if (server.faithful()) require(received == server.data() && (n == 0) == server.closed());
+    require(client->read(out) == n);
+    require(client->shutdown() == (n == 0 ? 1 : -1));
+  } else {
+    uint8_t byte = 0;
+    require(!client->write({&byte, 1}) && client->read({&byte, 1}) == -1 && client->shutdown() == -1);
+  }
+  return 0;
+}
