@@ -1,6 +1,6 @@
 #!/usr/bin/env node
 // Two whole reads, told as they happen: the library against a simulated identity card, a simulated passport and a
-// simulated decode server.
+// simulated decode server; then a question to each of the two small services.
 
 import { closeSync, existsSync, mkdtempSync, openSync, readFileSync } from 'node:fs';
 import { tmpdir } from 'node:os';
@@ -9,6 +9,7 @@ import { fileURLToPath } from 'node:url';
 import { fail, parseOptions } from '../lib/command-line.mjs';
 import { DemoAccount } from '../lib/demo-account.mjs';
 import { checkCard, checkPassport, perform } from '../lib/demo-read.mjs';
+import { askServices } from '../lib/demo-services.mjs';
 import { IdentityCard } from '../lib/identity-card.mjs';
 import { loadKeys } from '../lib/keys.mjs';
 import { PASSPORT_PACE } from '../lib/passport/chip.mjs';
@@ -18,11 +19,13 @@ import { DEFAULT_IDENTITY } from '../lib/persona.mjs';
 import { DEFAULT_LIBRARY } from '../lib/reader.mjs';
 
 const kCardSteps = 26; // of a good read: 19 card commands, and 6 or 7 server exchanges
+const kQuestions = 2; // one for each service
 const kPassportSteps = 117; // 113 commands for the chip and 4 server exchanges
 
 const options = parseOptions(`Usage: demo.mjs [options]
 
-Reads a simulated resident identity card and a simulated passport through libtqreader.so and tells what happens.`, {
+Reads a simulated resident identity card and a simulated passport through libtqreader.so, asks latency server and
+location server, and tells what happens.`, {
   library: { value: 'FILE', default: DEFAULT_LIBRARY, text: 'the library' },
   keys: {
     value: 'FILE', default: fileURLToPath(new URL('../../keys/development_keys.h', import.meta.url)),
@@ -79,10 +82,20 @@ async function readPassport() {
   return conclude(seen, checkPassport(seen, passport, options.readMode), 'The holder of the passport (specimen data)');
 }
 
+async function askBoth() {
+  account.begin(Date.now(), 'The two services', kQuestions);
+  const { serverDelay } = options;
+  const rows = await askServices(account, {
+    library, identity, serverDelay, keys: loadKeys(options.keys).location, output: file,
+  });
+  account.checks(rows);
+  return rows.every(([, good]) => good);
+}
+
 account.introduction({ ...options, keys: relative(process.cwd(), options.keys) });
-const goodReads = [];
-for (const read of [readCard, readPassport]) goodReads.push(await read().catch((error) => fail(error.message)));
-const good = goodReads.every(Boolean);
+const goodParts = [];
+for (const part of [readCard, readPassport, askBoth]) goodParts.push(await part().catch((error) => fail(error.message)));
+const good = goodParts.every(Boolean);
 account.conclusion(good, good ? 'All is well.' : 'Something is wrong; see the checks above.');
 closeSync(file);
 const lines = readFileSync(output, 'utf8').split('\n').length - 1;

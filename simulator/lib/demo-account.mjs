@@ -60,10 +60,12 @@ export class DemoAccount {
                      to the chip, takes the answers and talks to the decode server over TCP
      decode server   makes sure, through the reader, that card or passport is genuine, and turns
                      its files into a person
+     location server knows where on a phone the NFC antenna sits; is asked over HTTPS
+     latency server  answers short greetings, so that the way to it can be measured
 
-  Only the library is real. Card, passport and decode server are simulations: they check every
+  Only the library is real. Card, passport and servers are simulations: they check every
   byte that the library sends and answer at a realistic pace (${cardDelay} ms per card command, ${serverDelay} ms
-  per server answer). The server runs in a process of its own, with the keys of
+  per server answer). The decode server runs in a process of its own. Keys come from
   ${keys}`);
   }
 
@@ -101,6 +103,11 @@ export class DemoAccount {
     this.#files.flush();
     const took = (answeredAt ?? Date.now()) - receivedAt;
     this.#step(receivedAt, took, 'decode server', this.#colours.yellow, command, SERVER_STEPS[command] ?? '');
+  }
+
+  /** A call that asks a small service. */
+  service(name, { at, ms }, answer) {
+    this.#step(at, ms, 'application', this.#colours.yellow, name, answer);
   }
 
   #step(at, ms, who, colour, step, meaning) {

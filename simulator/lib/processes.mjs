@@ -77,3 +77,18 @@ export function startReaderProcess(options, output = 'ignore') {
   child.send({ read: options });
   return child;
 }
+
+/**
+ * Asks latency server and location server once each in a child process.
+ * @param {object} options  library; delay and location: arguments, see children/services.mjs
+ * @param {number|string} [output]  as for startReaderProcess
+ * @returns {Child & {answers: Promise<{delay: object, location: object}>}} of each { at, result, ms }; for the location
+ *   also `times`, what the time function has said; `release()` lets it end
+ */
+export function startServicesProcess(options, output = 'ignore') {
+  const child = new Child('services', ['ignore', output, output, 'ipc']);
+  const answers = ['delay', 'location'].map((event) => child.first(event, 'application'));
+  child.answers = Promise.all(answers).then(([delay, location]) => ({ delay, location }));
+  child.send({ ask: options });
+  return child;
+}

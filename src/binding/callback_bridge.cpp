@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "binding/answer_box.hpp"
 #include "binding/callback_bridge.hpp"
@@ -106,6 +107,8 @@ napi_status call_with_text(napi_env env, napi_value function, const char* text, 
   const napi_status status = napi_create_string_utf8(env, text, NAPI_AUTO_LENGTH, &argument);
   return status == napi_ok ? call_function(env, function, 1, &argument, result) : status;
 }
+
+constinit thread_local LocationTime* t_location_time = nullptr;
 
 // Formats into the message; false when the text does not fit.
 __attribute__((format(printf, 2, 3))) bool format_text(Message& message, const char* format, ...) {
@@ -250,6 +253,30 @@ void call_result_function(napi_env env, napi_value function, void* context, void
   TQ_LOG("调用返回结果安全函数: %{public}s", message->text());
 }
 
+LocationTime::LocationTime(napi_env env, napi_value function)
+    : env_(env),
+      status_(napi_create_reference(env, function, 1, &p_nfc_time_fun_ref_)),
+      former_(std::exchange(t_location_time, this)) {}
+
+LocationTime::~LocationTime() {
+  t_location_time = former_;
+  if (p_nfc_time_fun_ref_ != nullptr) napi_delete_reference(env_, p_nfc_time_fun_ref_);
+}
+
+int64_t LocationTime::ask() const {
+  const HandleScope scope(env_);
+  napi_value function = nullptr;
+  napi_value answer = nullptr;
+  int64_t time = 0;
+  if (napi_get_reference_value(env_, p_nfc_time_fun_ref_, &function) != napi_ok ||
+      call_function(env_, function, 0, nullptr, &answer) != napi_ok ||
+      napi_get_value_int64(env_, answer, &time) != napi_ok) {
+    time = 0;
+  }
+  TQ_LOG("获取设备NFC位置获取到时间: %{public}zd", static_cast<ssize_t>(time));
+  return time;
+}
+
 }  // namespace tq
 
 extern "C" {
@@ -303,6 +330,10 @@ void shareResultCallback(info_data* info) {
                                                     : format_binary_result(*info);
   if (message == nullptr) message = format_bare_failure(TQ_FAILED, 0);  // no memory for the result itself
   post(Channel::kResult, message);
+}
+
+int64_t nfcPshareGetNowTimeCallback(void) {
+  return tq::t_location_time == nullptr ? 0 : tq::t_location_time->ask();
 }
 
 }  // extern "C"

@@ -1,5 +1,6 @@
-/* The four functions that lead from a worker thread into the application's JavaScript functions. Everything
-   crosses as text. They serve the read that the calling worker runs; on any other thread they do nothing. */
+/* The functions that lead from the core into the application's JavaScript functions. The first four do so
+   from a worker thread. Everything crosses as text. They serve the read that the calling worker runs; on any
+   other thread they do nothing. */
 #ifndef TQREADER_BINDING_CALLBACK_BRIDGE_H
 #define TQREADER_BINDING_CALLBACK_BRIDGE_H
 
@@ -24,6 +25,10 @@ TQ_API int64_t shareGetNowTimeCallback(void);
 /* Hands the result to the application as JSON and returns at once. `info->data` is wiped, freed and set to
    null, but for a failure whose data is no text: that stays with the caller. */
 TQ_API void shareResultCallback(info_data* info);
+
+/* Asks the time function of the location request that runs on the calling, JavaScript, thread. Returns
+   milliseconds; 0 when the function gives no number or throws, and when there is no such request. */
+TQ_API int64_t nfcPshareGetNowTimeCallback(void);
 
 TQ_END_C
 

@@ -12,7 +12,9 @@
 #include "binding/log.hpp"
 #include "binding/module.hpp"
 #include "idcard/id_card_session.h"
+#include "location/location_request.h"
 #include "passport/passport_session.h"
+#include "probe/latency_probe.h"
 #include "util/hex.h"
 #include "util/secret.hpp"
 
@@ -22,6 +24,9 @@ namespace {
 constexpr int32_t kReadChunkSize = 212;
 constexpr int32_t kFrameFlag = 1;
 constexpr int32_t kLogLevel = 2;
+constexpr uint32_t kProbePort = 9999;
+constexpr uint32_t kLocationLogLevel = 0;
+constexpr uint32_t kLocationType = 2;
 constexpr size_t kTextSize = 1024;
 constexpr size_t kAnswerTextSize = 10240;
 
@@ -166,6 +171,48 @@ napi_value cancel_card(napi_env env, napi_callback_info info) {
   return args.result(0);
 }
 
+napi_value get_time_delay(napi_env env, napi_callback_info info) {
+  const Arguments<2> args(env, info);
+  const int32_t count = args.integer(0);
+  const TextArgument<kTextSize> ip(args, 1);
+  TQ_LOG("获取时延次数: %{public}d", count);
+  TQ_LOG("获取时延ip: %{public}s", ip.c_str());
+  return args.result(tq_check_socket_info(count, ip.c_str(), kProbePort));
+}
+
+// The location service's record of each thread that asks.
+constinit thread_local ScpContext t_scp_context{};
+
+napi_value get_device_nfc_location(napi_env env, napi_callback_info info) {
+  const Arguments<7> args(env, info);
+  const TextArgument<kTextSize> appid(args, 0);
+  const int32_t environment = args.integer(1);
+  const TextArgument<kTextSize> ip(args, 2);
+  const int32_t port = args.integer(3);
+  const TextArgument<kTextSize> manufacturer(args, 4);
+  const TextArgument<kTextSize> market_name(args, 5);
+  TQ_LOG("获取设备NFC位置appid: %{public}s", appid.c_str());
+  TQ_LOG("获取设备NFC位置envCode: %{public}d", environment);
+  TQ_LOG("获取设备NFC位置ip: %{public}s", ip.c_str());
+  TQ_LOG("获取设备NFC位置port: %{public}d", port);
+  TQ_LOG("获取设备NFC位置manufacture: %{public}s", manufacturer.c_str());
+  TQ_LOG("获取设备NFC位置marketName: %{public}s", market_name.c_str());
+  const LocationTime time(env, args.value(6));
+  if (time.status() != napi_ok) {
+    TQ_LOG("获取设备NFC位置获取时间函数失败: %{public}d", time.status());
+    return args.result(0);
+  }
+  ScpContext& context = t_scp_context;
+  int32_t rc = scp_init(&context, appid.c_str(), environment, kLocationLogLevel, kLocationType,
+                        manufacturer.c_str(), market_name.c_str(), ip.c_str(), static_cast<uint32_t>(port));
+  if (rc == TQ_OK) rc = scp_register_GT_callback(&context, nfcPshareGetNowTimeCallback);
+  uint32_t location = 0;
+  if (rc == TQ_OK) rc = scp_authentication(&context, &location);
+  if (rc != TQ_OK) return args.result(rc);
+  TQ_LOG("获取设备NFC位置信息: %{public}d", static_cast<int>(location));
+  return args.result(static_cast<int32_t>(location));
+}
+
 constexpr napi_property_descriptor exported(const char* name, napi_callback function) {
   return {name, nullptr, function, nullptr, nullptr, nullptr, napi_default, nullptr};
 }
@@ -183,6 +230,8 @@ constexpr napi_property_descriptor kExports[] = {
     exported("registerMonitorCallback", register_monitor_callback),
     exported("registerCardCallback", register_card_callback),
     exported("cancelCard", cancel_card),
+    exported("getTimeDelay", get_time_delay),
+    exported("getDeviceNFCLocation", get_device_nfc_location),
 };
 
 }  // namespace

@@ -1,4 +1,4 @@
-/* Every result code that reaches the application, in one list. A failure status sent by the decode server
+/* Every result code that reaches the application, in one list. A failure status sent by a server
    comes through as the negative decimal reading of its status digits and has no name here. */
 #ifndef TQREADER_CORE_RESULT_CODE_H
 #define TQREADER_CORE_RESULT_CODE_H
@@ -7,14 +7,16 @@ enum TqResultCode {
   TQ_OK = 0,
   TQ_FAILED = -1,                     /* general failure of a low-level routine; a malformed frame */
   TQ_BAD_SERIAL_NUMBER = -13002,      /* a serial-number text is too long or holds a byte of 0x81 or above */
-  TQ_BAD_APPID = -13003,              /* the appid is missing or not 20 letters and digits */
+  TQ_BAD_APPID = -13003,              /* the appid is missing or has not the form that is asked for */
   TQ_MISSING_CALL = -13008,           /* a needed call or value is missing */
   TQ_OUT_OF_RANGE = -13009,           /* a value is out of range */
   TQ_QUERY_INFO_WITHOUT_A = -16303,   /* query info: read mode 1 with a = 0 */
   TQ_QUERY_INFO_WITH_C = -16304,      /* query info: read mode 1 with c = 1 */
   TQ_QUERY_INFO_A_AND_C = -16305,     /* query info: read mode 0 with a not 0 and c = 1 */
   TQ_CONNECT_FAILED = -20001,         /* the decode server could not be reached */
-  TQ_EXCHANGE_FAILED = -22003,        /* sending to or receiving from the decode server failed or timed out */
+  TQ_PROBE_CONNECT_FAILED = -20003,   /* the server to be probed could not be connected to */
+  TQ_PROBE_FAILED = -20004,           /* probe: no such name, no socket, or an exchange failed or timed out */
+  TQ_EXCHANGE_FAILED = -22003,        /* decode or location server: an exchange failed or timed out */
   TQ_REQUEST_NOT_BUILT = -33005,      /* a server request could not be built */
   TQ_RESPONSE_MALFORMED = -35006,     /* a server response failed its checks */
   TQ_NO_THREAD = -35010,              /* the worker thread could not be created */

@@ -6,6 +6,7 @@
 #include "crypto/sm4_padding.h"
 #include "protocol/checksum.hpp"
 #include "protocol/commands.hpp"
+#include "protocol/status_code.hpp"
 #include "util/byte_cursor.hpp"
 #include "util/secret.hpp"
 
@@ -20,19 +21,6 @@ constexpr size_t kStatusBytes = 3;
 
 bool is_authentication(uint32_t command) {
   return command == kAuthenticateOld || command == kAuthenticate;
-}
-
-// The status bytes as hexadecimal digits, F counting as 0, read as a decimal number up to the first other
-// letter. A failure whose digits read as zero is no status at all.
-int32_t status_code(std::span<const uint8_t> status) {
-  int32_t value = 0;
-  for (size_t i = 0; i < 2 * status.size(); ++i) {
-    const uint8_t byte = status[i / 2];
-    const int32_t digit = (i % 2 == 0 ? byte >> 4 : byte & 0x0F);
-    if (digit > 9 && digit < 15) break;
-    value = value * 10 + digit % 15;
-  }
-  return value == 0 ? TQ_FAILED : -value;
 }
 
 struct Response {

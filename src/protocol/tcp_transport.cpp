@@ -1,8 +1,6 @@
 #include "protocol/tcp_transport.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -15,6 +13,7 @@
 #include <span>
 
 #include "core/session/read_session.hpp"
+#include "protocol/ipv4_socket.hpp"
 #include "util/byte_cursor.hpp"
 #include "util/diagnostics.h"
 #include "util/no_destroy.hpp"
@@ -105,18 +104,6 @@ class ConnectionUse {
   Connection& c_;
   bool entered_ = false;
 };
-
-bool resolve(const SessionConfig& cfg, sockaddr_in& out) {
-  addrinfo hints{};
-  hints.ai_family = AF_INET;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  if (getaddrinfo(cfg.ip, nullptr, &hints, &found) != 0) return false;
-  out = *reinterpret_cast<const sockaddr_in*>(found->ai_addr);
-  freeaddrinfo(found);
-  out.sin_port = htons(cfg.port);
-  return true;
-}
 
 // Puts a new non-blocking socket in the place of the present one.
 bool open_socket(Connection& c) {
@@ -237,7 +224,7 @@ int32_t tq_socket_connect(const SessionConfig* cfg) {
   if (!use.entered()) return TQ_FAILED;
   Connection& c = use.shared();
   sockaddr_in server{};
-  if (!resolve(*cfg, server) || !open_socket(c)) return TQ_FAILED;
+  if (!tq::resolve_ipv4(cfg->ip, cfg->port, server) || !open_socket(c)) return TQ_FAILED;
   const tq::TimeLimit limit(kConnectLimitMs);
   if (!limit.clock_ok() || !open_wake_pipe(c)) return TQ_FAILED;
   const bool connected = keep_connecting(use, server, limit);

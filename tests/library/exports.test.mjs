@@ -61,6 +61,19 @@ test('a C program links every public function, and nothing else', () => {
   assert.match(link(`extern void no_such_function(void);\n${program(['no_such_function'])}`), /no_such_function/);
 });
 
+test('the module has its functions, plain methods, in their order', () => {
+  const module = { exports: {} };
+  process.dlopen(module, kLibrary);
+  const properties = Object.getOwnPropertyDescriptors(module.exports);
+  assert.deepEqual(Object.keys(properties), ['initSdk', 'getBillingModel', 'getIdInfo', 'getPassportInfo', 'registerTimestampCallback',
+    'idCardHandler', 'passportHandler', 'registerResultCallback', 'registerMonitorCallback', 'registerCardCallback', 'cancelCard',
+    'getTimeDelay', 'getDeviceNFCLocation']);
+  for (const [name, { value, ...attributes }] of Object.entries(properties)) {
+    assert.equal(typeof value, 'function', name);
+    assert.deepEqual(attributes, { writable: false, enumerable: false, configurable: false }, name);
+  }
+});
+
 test('the library needs the C and the C++ library only', () => {
   const dynamic = execFileSync('objdump', ['-p', kLibrary], { encoding: 'utf8' });
   const needed = [...dynamic.matchAll(/^\s*NEEDED\s+(\S+)/gm)].map(([, name]) => name);

@@ -3,6 +3,7 @@
 // every process.
 
 import { createHash, generateKeyPairSync, sign } from 'node:crypto';
+import { algorithm, certificate, distinguishedName, KEY_USAGE } from '../certificate.mjs';
 import { DER, writer } from './der.mjs';
 
 const OID = Object.freeze({
@@ -10,48 +11,14 @@ const OID = Object.freeze({
   ldsSecurityObject: '2.23.136.1.1.1',
   sha256: '2.16.840.1.101.3.4.2.1',
   rsa: '1.2.840.113549.1.1.1',
-  sha256WithRsa: '1.2.840.113549.1.1.11',
   contentType: '1.2.840.113549.1.9.3',
   messageDigest: '1.2.840.113549.1.9.4',
   signingTime: '1.2.840.113549.1.9.5',
   unstructuredName: '1.2.840.113549.1.9.2',
 });
-const kDay = 24 * 3600 * 1000;
 const kVersions = [DER.printable('0107'), DER.printable('040000')];
 
 export const sha256 = (data) => createHash('sha256').update(data).digest();
-const sha1 = (data) => createHash('sha1').update(data).digest();
-
-const algorithm = (oid) => DER.sequence(DER.oid(oid), DER.nothing());
-
-/** A name of country, organisation and common name; "UT" stands for the Utopia of specimens. */
-function distinguishedName(commonName) {
-  const part = (oid, value) => DER.set(DER.sequence(DER.oid(oid), value));
-  return DER.sequence(part('2.5.4.6', DER.printable('UT')), part('2.5.4.10', DER.utf8('Specimen Authority of Utopia')),
-    part('2.5.4.3', DER.utf8(commonName)));
-}
-
-/** An X.509 certificate (RFC 5280, profile of ICAO Doc 9303-12) in DER. */
-function certificate({ serial, subject, issuer, publicKey, issuerKey, issuerPublicKey, authority }) {
-  const { sequence, explicit, integer, oid, bits, octets, boolean, tlv, utcTime } = DER;
-  const keyId = (key) => sha1(key.export({ type: 'pkcs1', format: 'der' }));
-  const extension = (id, critical, value) =>
-    sequence(oid(id), ...(critical ? [boolean(true)] : []), octets(value));
-  const now = Date.now();
-  const body = sequence(
-    explicit(0, integer(2)), integer(serial), algorithm(OID.sha256WithRsa), distinguishedName(issuer),
-    sequence(utcTime(new Date(now - kDay)), utcTime(new Date(now + 3650 * kDay))), distinguishedName(subject),
-    publicKey.export({ type: 'spki', format: 'der' }),
-    explicit(3, sequence(
-      extension('2.5.29.35', false, sequence(tlv(0x80, keyId(issuerPublicKey)))),
-      extension('2.5.29.14', false, octets(keyId(publicKey))),
-      // key usage: keyCertSign and cRLSign, or digitalSignature
-      extension('2.5.29.15', true, authority ? bits(Buffer.of(0x06), 1) : bits(Buffer.of(0x80), 7)),
-      ...(authority ? [extension('2.5.29.19', true, sequence(boolean(true), integer(0)))] : []),
-    )),
-  );
-  return sequence(body, algorithm(OID.sha256WithRsa), bits(sign('sha256', body, issuerKey)));
-}
 
 let authorities;
 
@@ -69,8 +36,9 @@ export function documentSigner() {
   authorities = {
     key: signer.privateKey, issuer, serial: 0x5350,
     certificate: certificate({ ...above, serial: 0x5350, subject: 'Specimen Document Signer 1',
-      publicKey: signer.publicKey }),
-    authority: certificate({ ...above, serial: 1, subject: issuer, publicKey: top.publicKey, authority: true }),
+      publicKey: signer.publicKey, usage: KEY_USAGE.signDocuments }),
+    authority: certificate({ ...above, serial: 1, subject: issuer, publicKey: top.publicKey,
+      usage: KEY_USAGE.signCertificates }),
   };
   return authorities;
 }

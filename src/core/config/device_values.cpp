@@ -4,13 +4,7 @@
 #include <cstddef>
 #include <cstring>
 
-namespace {
-
-constexpr int64_t kSeedModulus = 1'000'000'000;
-constexpr uint64_t kMultiplier = 214013;
-constexpr uint64_t kIncrement = 2531011;
-
-}  // namespace
+#include "util/time_seeded_bytes.hpp"
 
 extern "C" {
 
@@ -29,13 +23,7 @@ int32_t tq_get_device_id(const SessionConfig* cfg, char* dst, uint32_t capacity)
 
 int64_t create_rand_number(SessionConfig* cfg, uint8_t* dst, int32_t n) {
   const int64_t now = cfg == nullptr || cfg->timestampCallback == nullptr ? 0 : cfg->timestampCallback();
-  if (dst == nullptr) return now;
-  auto state = static_cast<uint64_t>(now % kSeedModulus);
-  for (int32_t i = 0; i < n; ++i) {
-    state = state * kMultiplier + kIncrement;
-    const uint64_t r = state >> 16;
-    dst[i] = static_cast<uint8_t>(r + (r & 0x7FFF) / 255);
-  }
+  if (dst != nullptr && n > 0) tq::fill_time_seeded(now, {dst, static_cast<size_t>(n)});
   return now;
 }
 

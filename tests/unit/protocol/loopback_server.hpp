@@ -31,6 +31,8 @@ class Peer {
  public:
   explicit Peer(int fd) : fd_(fd) {}
 
+  int fd() const { return fd_; }
+
   // Exactly `n` bytes, fewer when the client has gone.
   Bytes read(size_t n) const {
     Bytes bytes(n);
@@ -96,6 +98,8 @@ class LoopbackServer {
       }
     });
   }
+
+  uint16_t port() const { return port_; }
 
   SessionConfig config() const {
     SessionConfig cfg{};

@@ -1,0 +1,47 @@
+// The location service's JSON scanner. The input is a key, a zero byte and a text.
+#include "location/scp_json.h"
+
+#include <algorithm>
+#include <optional>
+#include <string>
+
+#include "harness.hpp"
+
+namespace {
+
+// The value of the key, by the same rules.
+std::optional<std::string> value_in(const std::string& text, const std::string& key) {
+  const size_t at = key.empty() ? std::string::npos : text.find(key);
+  if (at == std::string::npos || at == 0 || text[at - 1] != '"') return std::nullopt;
+  const size_t from = at + key.size() + 3;
+  if (text.compare(at + key.size(), 3, "\":\"") != 0) return std::nullopt;
+  const size_t end = text.find('"', from);
+  if (end == std::string::npos) return std::nullopt;
+  return text.substr(from, end - from);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  using namespace fuzz;
+  const std::string input(reinterpret_cast<const char*>(data), size);
+  const std::string key = input.c_str();
+  const std::string text = input.substr(std::min(key.size() + 1, input.size())).c_str();
+  const auto with_nul = [](const std::string& s) {
+    return View(reinterpret_cast<const uint8_t*>(s.c_str()), s.size() + 1);
+  };
+  Block exact_key(with_nul(key));
+  Block exact_text(with_nul(text));
+  const auto* as_key = reinterpret_cast<const char*>(exact_key.data());
+  const auto* as_text = reinterpret_cast<const char*>(exact_text.data());
+
+  Block out(exact_text.size());  // no value is longer than its text
+  auto* value = reinterpret_cast<char*>(out.data());
+  const int32_t rc = scp_json_get_value(as_text, as_key, value);
+  const std::optional<std::string> wanted = value_in(text, key);
+  require(wanted ? rc == TQ_OK && value == *wanted : rc == TQ_FAILED && value[0] == '\0');
+  const bool braced = !text.empty() && text.front() == '{' && text.back() == '}';
+  require((scp_json_check(as_text) == TQ_OK) == braced);
+  require((scp_json_check_value(as_text, as_key) == TQ_OK) == (text == key));
+  return 0;
+}

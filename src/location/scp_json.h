@@ -1,0 +1,23 @@
+/* A small scanner for the location server's flat JSON. It knows neither escapes nor nesting. */
+#ifndef TQREADER_LOCATION_SCP_JSON_H
+#define TQREADER_LOCATION_SCP_JSON_H
+
+#include "core/result_code.h"
+#include "util/api.h"
+
+TQ_BEGIN_C
+
+/* TQ_OK when the text starts with "{" and ends with "}", else TQ_FAILED. */
+TQ_API int32_t scp_json_check(const char* text);
+
+/* Copies the value of `key` to `out` with a NUL. Only the first place where the key's letters stand is looked
+   at; it must be quoted and followed by a colon and a quoted value without blanks, which ends at the next
+   quotation mark. Returns TQ_OK, or TQ_FAILED with `out` empty. `out` needs room for the text. */
+TQ_API int32_t scp_json_get_value(const char* text, const char* key, char* out);
+
+/* TQ_OK when the two texts are equal, else TQ_FAILED. */
+TQ_API int32_t scp_json_check_value(const char* a, const char* b);
+
+TQ_END_C
+
+#endif
