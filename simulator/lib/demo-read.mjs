@@ -60,13 +60,15 @@ const row = (what, good, detail, instead) => [what, good, good ? detail : instea
 
 /** What is to be checked after either read: rows of [what, good, detail]; `own` are those of the document. */
 function checks({ result, ending, differences, serverMonitors }, chip, path, own) {
+  const told = result.progress?.at(-1)?.commands ?? 0;
   const reported = serverMonitors.length === 1 && serverMonitors[0].raw === result.monitor?.raw;
   const endText = ending.stuck ? `still running after ${kTimeToEnd} ms`
     : ending.signal ? `killed by ${ending.signal}` : `exit code ${ending.code}`;
-  const outcome = result.failure ?? (result.ms ? `${result.code}, after ${result.ms} ms${path}` : result.code);
+  const outcome = result.failure ?? result.error?.message ?? (result.ms ? `${result.code}, after ${result.ms} ms${path}` : result.code);
   return [
     ['result code', result.code === 0, outcome],
     ...own,
+    row('progress was told of every command', told === result.steps?.length && told > 0, `${told} commands`, `${told} of them`),
     row('monitor record reached application and server', reported, 'the same text',
       `${serverMonitors.length} at the server`),
     ['differences found by the decode server', differences.server.length === 0, found(differences.server)],

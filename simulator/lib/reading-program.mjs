@@ -130,8 +130,8 @@ export async function runReadingProgram(options, prepare) {
   }
 }
 
-function report({ code, flag, data, monitor, ms }, teller) {
-  say(code === 0 ? colours.green(`read in ${ms} ms`) : colours.red(`failed with code ${code}`));
+function report({ code, flag, data, error, monitor, ms }, teller) {
+  say(code === 0 ? colours.green(`read in ${ms} ms`) : colours.red(`failed: ${error?.message ?? `code ${code}`}`));
   if (flag === 1 && data?.info) teller.person(data.info);
   else say(dotted('flag', flag)), say(dotted('data', JSON.stringify(data)));
   if (monitor) say(dotted('monitor record', monitor.raw));

@@ -26,12 +26,15 @@ export class Process {
   #waiting = new Map();
   #calls = 0;
 
-  /** Without `leaks` a sanitizer does not look for them: `process.exit` leaves much of Node.js itself behind. */
-  constructor({ leaks = true } = {}) {
+  /**
+   * `main` is the program; without `leaks` a sanitizer does not look for them: `process.exit` leaves much of Node.js itself
+   * behind.
+   */
+  constructor({ leaks = true, main = kMain } = {}) {
     const env = { ...process.env };
     if (!leaks) env.ASAN_OPTIONS = `${env.ASAN_OPTIONS ?? ''}:detect_leaks=0`;
     const [out, err] = ['out', 'err'].map((name) => openSync(join(this.#folder, name), 'w'));
-    this.child = fork(kMain, [], { env, stdio: ['ignore', out, err, 'ipc'] });
+    this.child = fork(main, [], { env, stdio: ['ignore', out, err, 'ipc'] });
     kChildren.push(this.child);
     [out, err].forEach((file) => closeSync(file));
     this.exited = once(this.child, 'exit').then(([code, signal]) => {

@@ -2,6 +2,7 @@
 // performs one read, sends { event, subject } as things happen, and ends when the parent lets go of it.
 // See ../processes.mjs for the parent's side.
 
+import { Application } from '../application.mjs';
 import { CardLink } from '../card-link.mjs';
 import { IdentityCard } from '../identity-card.mjs';
 import { PassportChip } from '../passport/chip.mjs';
@@ -23,7 +24,8 @@ async function read({ library, identity, card: secrets, passport: plain, claimed
   const passport = plain && unpackPassport(plain);
   const card = document({ card: secrets, passport, identity });
   const link = new CardLink(card, { delay: cardDelay, perByte, rules: cardRules });
-  const reader = new Reader({ library, link });
+  // Some misbehaviour, such as two answers to one command, no good application would pass on.
+  const reader = cardRules?.length ? new Reader({ library, link }) : new Application({ library, link });
   card.on('difference', (difference) => tell('card-difference', difference.toJSON()));
   reader.on('difference', (difference) => tell('reader-difference', difference.toJSON()));
   for (const event of ['command', 'step', 'monitor']) reader.on(event, (subject) => tell(event, subject));

@@ -1,0 +1,51 @@
+// The package's and the example's manifests fit each other and name files that are there.
+
+import assert from 'node:assert/strict';
+import { existsSync, readFileSync } from 'node:fs';
+import { join } from 'node:path';
+import { test } from 'node:test';
+import { kRoot, parseJson5 } from './declarations.mjs';
+
+const kPackage = join(kRoot, 'package');
+const kExample = join(kPackage, 'example');
+const manifest = (...path) => parseJson5(readFileSync(join(...path), 'utf8'));
+const exists = (...path) => assert.ok(existsSync(join(...path)), join(...path));
+const permissions = ({ module }) => module.requestPermissions.map(({ name }) => name);
+
+test('the package', () => {
+  const { name, version, main, dependencies } = manifest(kPackage, 'oh-package.json5');
+  const [, project] = /project\(tqreader VERSION (\S+)/.exec(readFileSync(join(kRoot, 'CMakeLists.txt'), 'utf8'));
+  assert.deepEqual([name, version], ['tqreader', project]);
+  exists(kPackage, main);
+  const types = join(kPackage, dependencies['libtqreader.so'].replace('file:', ''));
+  const native = manifest(types, 'oh-package.json5');
+  assert.deepEqual([native.name, native.version], ['libtqreader.so', version]);
+  exists(types, native.types);
+  const { path, abiFilters } = manifest(kPackage, 'build-profile.json5').buildOption.externalNativeOptions;
+  exists(kPackage, path);
+  assert.deepEqual(abiFilters, ['arm64-v8a', 'x86_64']);
+  abiFilters.forEach((abi) => exists(kPackage, 'libs', abi));
+  const har = manifest(kPackage, 'src/main/module.json5');
+  assert.deepEqual([har.module.type, permissions(har)], ['har', ['ohos.permission.INTERNET']]);
+});
+
+test('the example', () => {
+  const { dependencies } = manifest(kExample, 'oh-package.json5');
+  assert.deepEqual(Object.keys(dependencies), ['tqreader']);
+  const { module } = manifest(kExample, 'src/main/module.json5');
+  assert.deepEqual(permissions({ module }), ['ohos.permission.NFC_TAG', 'ohos.permission.INTERNET']);
+  const resources = join(kExample, 'src/main/resources/base');
+  for (const { name, srcEntry, ...ability } of module.abilities) {
+    assert.equal(name, module.mainElement);
+    exists(kExample, 'src/main', srcEntry);
+    for (const [, kind, value] of JSON.stringify([module.description, ability]).matchAll(/\$(string|color|media):(\w+)/g)) {
+      if (kind === 'media') exists(resources, 'media', `${value}.svg`);
+      else assert.ok(manifest(resources, 'element', `${kind}.json`)[kind].some((entry) => entry.name === value), value);
+    }
+  }
+  const { src } = manifest(resources, 'profile/main_pages.json');
+  assert.ok(src.length > 0);
+  src.forEach((page) => exists(kExample, 'src/main/ets', `${page}.ets`));
+  const ability = readFileSync(join(kExample, 'src/main/ets/entryability/EntryAbility.ets'), 'utf8');
+  assert.ok(ability.includes(`loadContent('${src[0]}')`));
+});

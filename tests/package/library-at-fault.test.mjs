@@ -1,0 +1,129 @@
+// What the package's reader does when the library itself fails or says strange things: a scripted module takes its place.
+
+import assert from 'node:assert/strict';
+import { test } from 'node:test';
+import { setTimeout as sleep } from 'node:timers/promises';
+import { CancelHandle, TqReader } from '../../simulator/lib/package.mjs';
+
+const kConfig = { appid: 'A'.repeat(20), environment: 268, host: 'h', port: 1, packageName: '', terminalId: 1, serialNumber: '' };
+const kMrz = { documentNumber: 'A1', birthDate: '900101', expiryDate: '300101' };
+const connection = { transmit: () => Promise.resolve(Uint8Array.of(0x90, 0x00)) };
+
+/** A module that records its calls. `codes`: what functions return instead of 0. */
+function scripted(codes = {}) {
+  const calls = [];
+  const callbacks = {};
+  const names = ['initSdk', 'getIdInfo', 'getPassportInfo', 'idCardHandler', 'passportHandler', 'cancelCard', 'getTimeDelay', 'getDeviceNFCLocation'];
+  const module = Object.fromEntries(names.map((name) => [name, (...args) => {
+    calls.push([name, ...args]);
+    return codes[name] ?? 0;
+  }]));
+  for (const name of ['Card', 'Monitor', 'Timestamp', 'Result']) {
+    module[`register${name}Callback`] = (callback) => {
+      callbacks[name] = callback;
+      return codes[name] ?? 0;
+    };
+  }
+  return { module, calls, callbacks, codes };
+}
+
+async function failure(promise) {
+  const error = await promise.then(() => assert.fail('no error'), (reason) => reason);
+  return [error.name, error.code];
+}
+
+function configured(codes) {
+  const script = scripted(codes);
+  const reader = new TqReader(script.module);
+  reader.configure(kConfig);
+  return { ...script, reader };
+}
+
+test('set-up that fails is told with its code', () => {
+  for (const [name, code] of [['initSdk', -13003], ['Card', -13008], ['Monitor', -13008], ['Timestamp', -13008], ['Result', -13008]]) {
+    assert.throws(() => configured({ [name]: code }), { code });
+  }
+});
+
+test('the configuration reaches initSdk in its order', () => {
+  const { calls } = configured();
+  assert.deepEqual(calls[0], ['initSdk', kConfig.appid, 0, 2, 268, '', '', 1, 'h', 1, 0, '']);
+});
+
+test('a read that does not start leaves the reader free', async () => {
+  const { reader, codes, calls, callbacks } = configured({ getIdInfo: -35010, getPassportInfo: -93003 });
+  assert.deepEqual(await failure(reader.readIdentityCard({ connection })), ['NO_THREAD', -35010]);
+  assert.deepEqual(await failure(reader.readPassport(kMrz, { connection })), ['BAD_ARGUMENTS', -93003]);
+  codes.getIdInfo = 0;
+  const read = reader.readIdentityCard({ connection });
+  callbacks.Result('{"code": 0,"flag":2,"data":"01AB"}');
+  assert.deepEqual([...(await read).bytes], [0x01, 0xab]);
+  assert.ok(!calls.some(([name]) => name === 'cancelCard'));
+});
+
+test('results that are none', async () => {
+  const { reader, callbacks } = configured();
+  for (const text of ['', 'null', '7', '{"code":"0"}', '{"code":0,"flag":1,"data":"x"}', '{"code":0,"flag":1,"data":null}']) {
+    const read = reader.readIdentityCard({ connection });
+    callbacks.Result(text);
+    assert.deepEqual(await failure(read), ['RESPONSE_MALFORMED', -35006], text);
+  }
+});
+
+test('a monitor record that is none is reported as it is', async () => {
+  const { reader, callbacks } = configured();
+  const read = reader.readIdentityCard({ connection });
+  assert.equal(callbacks.Monitor('{"reqid":'), '{"reqid":');
+  callbacks.Result('{"code":0,"flag":1,"data":{"reqid":"R"}}');
+  assert.deepEqual([(await read).monitor, (await read).businessId, (await read).info], [null, 'R', null]);
+});
+
+test('calls of the library when no read is running', () => {
+  const { callbacks, calls } = configured();
+  const before = calls.length;
+  callbacks.Card('{ "cmd": "00",  "serial_num": "0"}');
+  callbacks.Result('{"code":0,"flag":1,"data":{}}');
+  assert.equal(callbacks.Monitor('{}'), '{}');
+  assert.ok(Math.abs(callbacks.Timestamp() - Date.now()) < 1000);
+  assert.equal(calls.length, before);
+});
+
+test('a command that comes after the cancel is answered for its own read, once', async () => {
+  const { reader, callbacks, calls } = configured();
+  const cancel = new CancelHandle();
+  const read = reader.readPassport(kMrz, { connection, cancel });
+  cancel.cancel();
+  assert.deepEqual(await failure(read), ['CANCELLED', 1]);
+  callbacks.Card('{ "cmd": "00A4",  "serial_num": "4"}');
+  await sleep(5);
+  assert.deepEqual(calls.slice(-2), [['cancelCard', 1], ['passportHandler', '', 4, -1]]);
+});
+
+test('when the result function cannot be replaced after a cancel, the next read ends', async () => {
+  const { reader, codes, calls, callbacks } = configured();
+  const cancel = new CancelHandle();
+  const first = reader.readIdentityCard({ connection, cancel });
+  cancel.cancel();
+  await failure(first);
+  codes.Result = -13008;
+  assert.deepEqual(await failure(reader.readIdentityCard({ connection })), ['MISSING_CALL', -13008]);
+  assert.deepEqual(calls.at(-1), ['cancelCard', 0]);
+  codes.Result = 0;
+  const again = reader.readIdentityCard({ connection });
+  assert.deepEqual(calls.slice(-2).map(([name]) => name), ['initSdk', 'getIdInfo'], 'set up anew');
+  callbacks.Result('{"code":0,"flag":1,"data":{}}');
+  await again;
+});
+
+test('the services hand over their arguments and read the answer', async () => {
+  const { module, calls, codes } = scripted({ getTimeDelay: 42, getDeviceNFCLocation: 7 });
+  const reader = new TqReader(module);
+  const query = { appid: 'SIMULA1', environment: 52302, host: 'place', port: 443, manufacturer: 'M', marketName: 'P' };
+  assert.deepEqual([await reader.measureDelay('host', 3), await reader.measureDelay('host'), await reader.antennaLocation(query)], [42, 42, 7]);
+  const clock = calls[2].pop();
+  assert.ok(Math.abs(clock() - Date.now()) < 1000);
+  assert.deepEqual(calls, [['getTimeDelay', 3, 'host'], ['getTimeDelay', 5, 'host'], ['getDeviceNFCLocation', 'SIMULA1', 52302, 'place', 443, 'M', 'P']]);
+  Object.assign(codes, { getTimeDelay: -20004, getDeviceNFCLocation: -1301 });
+  assert.deepEqual(await failure(reader.measureDelay('host')), ['PROBE_FAILED', -20004]);
+  assert.deepEqual(await failure(reader.antennaLocation(query)), ['SERVER_STATUS', -1301]);
+});

@@ -1,0 +1,10 @@
+// Errors and callbacks of the phone's kits, as far as the example uses them.
+
+export interface BusinessError<T = void> extends Error {
+  code: number;
+  data: T;
+}
+
+export interface AsyncCallback<T, E = void> {
+  (err: BusinessError<E>, data: T): void;
+}

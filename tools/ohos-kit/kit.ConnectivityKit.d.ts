@@ -1,0 +1,41 @@
+// NFC: what the example uses of the phone's kit.
+
+import type { ElementName } from './kit.AbilityKit';
+import type { AsyncCallback } from './kit.BasicServicesKit';
+
+export namespace nfcController {
+  function isNfcOpen(): boolean;
+}
+
+export namespace tag {
+  const NFC_A: number;
+  const NFC_B: number;
+  const ISO_DEP: number;
+
+  interface TagInfo {
+    uid: number[];
+    /** Technologies that the tag supports, the one in use included. */
+    technology: number[];
+  }
+
+  /** A connection to a tag. All of these throw a BusinessError. */
+  interface TagSession {
+    connect(): void;
+    resetConnection(): void;
+    isConnected(): boolean;
+    /** Milliseconds that an exchange may take. */
+    setTimeout(timeout: number): void;
+    transmit(data: number[]): Promise<number[]>;
+  }
+  interface NfcBTag extends TagSession {
+    getRespAppData(): number[];
+  }
+  interface IsoDepTag extends TagSession {
+    isExtendedApduSupported(): Promise<boolean>;
+  }
+
+  function getNfcB(tagInfo: TagInfo): NfcBTag;
+  function getIsoDep(tagInfo: TagInfo): IsoDepTag;
+  function on(type: 'readerMode', elementName: ElementName, discTech: number[], callback: AsyncCallback<TagInfo>): void;
+  function off(type: 'readerMode', elementName: ElementName, callback?: AsyncCallback<TagInfo>): void;
+}
