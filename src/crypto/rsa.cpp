@@ -114,9 +114,10 @@ class Column {
 // Adds a[from] * b[column - from] and so on to a[to - 1] * b[column - to + 1].
 [[gnu::always_inline]] inline void add_products(Column& sum, ConstNumber a, ConstNumber b, size_t column,
                                                 size_t from, size_t to) {
-  const Limb* x = a.data();
-  const Limb* y = b.data() + column;
-  for (size_t j = from; j < to; ++j) sum.add_product(x[j], y[-static_cast<ptrdiff_t>(j)]);
+  if (from >= to) return;
+  const Limb* x = a.data() + from;
+  const Limb* y = b.data() + (column - from);
+  for (size_t n = 0; n < to - from; ++n) sum.add_product(x[n], *(y - n));
 }
 
 // The column of a * b.

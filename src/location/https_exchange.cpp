@@ -48,9 +48,9 @@ char* chars(ScratchBuffer& buffer) {
 // A context, a connection on it and the socket below, all released together.
 class TlsConnection {
  public:
-  TlsConnection(const char* host, uint32_t port)
+  TlsConnection(const char* host, uint32_t port, const SteadyLimit& limit)
       : ctx_(make_context()),
-        socket_(ctx_ == nullptr ? kNoSocket : connect_ipv4(host, static_cast<uint16_t>(port))),
+        socket_(ctx_ == nullptr ? kNoSocket : connect_ipv4(host, static_cast<uint16_t>(port), limit)),
         ssl_(socket_ ? SSL_new(ctx_) : nullptr) {}
   ~TlsConnection() {
     if (ssl_ != nullptr) SSL_free(ssl_);
@@ -59,7 +59,7 @@ class TlsConnection {
   TlsConnection(const TlsConnection&) = delete;
   TlsConnection& operator=(const TlsConnection&) = delete;
 
-  [[nodiscard]] bool shake_hands(const char* host, const TimeLimit& limit) {
+  [[nodiscard]] bool shake_hands(const char* host, const SteadyLimit& limit) {
     const int64_t left_ms = limit.remaining_ms();
     if (ssl_ == nullptr || left_ms <= 0) return false;
     SSL_set_time_limit(ssl_, left_ms);
@@ -123,10 +123,10 @@ bool format_post(const ScpContext& context, const char* body, ScratchBuffer& out
 
 // One connection for one request and its response.
 bool fetch(const ScpContext& context, const char* body, ResponseText& response) {
-  const TimeLimit limit(kExchangeLimitMs);
+  const SteadyLimit limit(kExchangeLimitMs);
   ScratchBuffer post(std::strlen(body) + kHttpHeaderRoom);
   if (!format_post(context, body, post)) return false;
-  TlsConnection connection(context.host, context.port);
+  TlsConnection connection(context.host, context.port, limit);
   if (!connection.shake_hands(context.host, limit) || !connection.write_all(chars(post))) return false;
   bool first = true;
   while (!response.complete()) {

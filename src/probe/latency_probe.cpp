@@ -1,5 +1,6 @@
 #include "probe/latency_probe.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -19,21 +20,25 @@ namespace {
 constexpr std::string_view kGreeting = "HELLWORD";  // so spelled in the protocol
 constexpr int32_t kMaxRounds = 5;
 constexpr size_t kAnswerRoom = 128;
-constexpr int64_t kOperationLimitMs = 5000;
 
-// Once more after a signal, within the time that the operation has anyway.
+// Once more after a signal, within the time that the operation has anyway. `event` is what it waits for.
 template <typename Operation>
-bool succeeds(Operation operation) {
-  const tq::TimeLimit limit(kOperationLimitMs);
+bool succeeds(int32_t fd, short event, Operation operation) {
+  const tq::SteadyLimit limit(tq::kSocketLimitMs);
   int32_t result = operation();
-  while (result < 0 && errno == EINTR && limit.remaining_ms() > 0) result = operation();
+  while (result < 0 && errno == EINTR && tq::wait_ready(fd, event, limit)) result = operation();
   return result >= 0;
 }
 
 bool exchange(int32_t fd) {
   std::array<uint8_t, kAnswerRoom> answer{};
-  return succeeds([&] { return checkTools_socket_send(fd, kGreeting.data(), uint32_t{kGreeting.size()}); }) &&
-         succeeds([&] { return checkTools_socket_recv(fd, answer.data(), uint32_t{answer.size()}); });
+  const auto send_greeting = [&] {
+    return checkTools_socket_send(fd, kGreeting.data(), uint32_t{kGreeting.size()});
+  };
+  const auto receive_answer = [&] {
+    return checkTools_socket_recv(fd, answer.data(), uint32_t{answer.size()});
+  };
+  return succeeds(fd, POLLOUT, send_greeting) && succeeds(fd, POLLIN, receive_answer);
 }
 
 }  // namespace

@@ -6,39 +6,36 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-
-#include "util/time_limit.hpp"
+#include <climits>
 
 namespace tq {
 namespace {
 
-constexpr int64_t kSocketLimitMs = 5000;
-
-bool limit_operations(int fd) {
-  const timeval limit = {kSocketLimitMs / 1000, 0};
-  return setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0 &&
-         setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) == 0;
+bool limit_operation(int fd, int option, int64_t limit_ms) {
+  const timeval limit = {static_cast<time_t>(limit_ms / 1000),
+                         static_cast<suseconds_t>(limit_ms % 1000 * 1000)};
+  return setsockopt(fd, SOL_SOCKET, option, &limit, sizeof limit) == 0;
 }
 
 // A connect that a signal has interrupted goes on by itself.
-bool connected_meanwhile(int fd, const TimeLimit& limit) {
-  pollfd watched = {fd, POLLOUT, 0};
-  int ready = 0;
-  do {
-    const int64_t left_ms = limit.remaining_ms();
-    if (left_ms <= 0) return false;
-    ready = poll(&watched, 1, static_cast<int>(left_ms));
-  } while (ready < 0 && errno == EINTR);
+bool connected_meanwhile(int fd, const SteadyLimit& limit) {
   int error = 0;
   socklen_t size = sizeof error;
-  return ready == 1 && getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0;
+  return wait_ready(fd, POLLOUT, limit) && getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 &&
+         error == 0;
 }
 
-bool connect_within_limit(int fd, const sockaddr_in& server) {
-  const TimeLimit limit(kSocketLimitMs);
-  if (connect(fd, reinterpret_cast<const sockaddr*>(&server), sizeof server) == 0) return true;
-  return errno == EINTR && connected_meanwhile(fd, limit);
+// The limit on sending holds for connecting as well. A limit of zero would be none.
+bool connect_within_limit(int fd, const sockaddr_in& server, int64_t limit_ms) {
+  const SteadyLimit limit(limit_ms);
+  if (limit_ms <= 0 || !limit_operation(fd, SO_SNDTIMEO, limit_ms)) return false;
+  if (connect(fd, reinterpret_cast<const sockaddr*>(&server), sizeof server) != 0 &&
+      (errno != EINTR || !connected_meanwhile(fd, limit))) {
+    return false;
+  }
+  return limit_operation(fd, SO_SNDTIMEO, kSocketLimitMs) && limit_operation(fd, SO_RCVTIMEO, kSocketLimitMs);
 }
 
 }  // namespace
@@ -59,12 +56,23 @@ bool resolve_ipv4(const char* host, uint16_t port, sockaddr_in& out) {
   return true;
 }
 
-int connect_ipv4(const char* host, uint16_t port) {
+bool wait_ready(int fd, short events, const SteadyLimit& limit) {
+  for (;;) {
+    const int64_t left_ms = limit.remaining_ms();
+    if (left_ms <= 0) return false;
+    pollfd watched = {fd, events, 0};
+    const int num_ready = poll(&watched, 1, static_cast<int>(std::min<int64_t>(left_ms, INT_MAX)));
+    if (num_ready > 0) return true;
+    if (num_ready < 0 && errno != EINTR) return false;
+  }
+}
+
+int connect_ipv4(const char* host, uint16_t port, const SteadyLimit& limit) {
   sockaddr_in server{};
   if (!resolve_ipv4(host, port, server)) return kNoSocket;
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return kNoSocket;
-  if (limit_operations(fd) && connect_within_limit(fd, server)) return fd;
+  if (connect_within_limit(fd, server, std::min(kSocketLimitMs, limit.remaining_ms()))) return fd;
   close(fd);
   return kNotConnected;
 }

@@ -5,7 +5,11 @@
 
 #include <cstdint>
 
+#include "util/time_limit.hpp"
+
 namespace tq {
+
+inline constexpr int64_t kSocketLimitMs = 5000;  // for each operation
 
 // Closes what it owns.
 class OwnedSocket {
@@ -31,8 +35,13 @@ enum : int {
   kNotConnected = -2  // the server did not accept
 };
 
-// A blocking socket that is connected to the server and whose operations, connecting included, take 5 seconds
-// at most; the caller closes it. Otherwise kNoSocket or kNotConnected.
-[[nodiscard]] int connect_ipv4(const char* host, uint16_t port);
+// A blocking socket that is connected to the server and whose operations, connecting included, take
+// kSocketLimitMs at most; the caller closes it. Otherwise kNoSocket or kNotConnected. Connecting ends no
+// later than `limit`.
+[[nodiscard]] int connect_ipv4(const char* host, uint16_t port,
+                               const SteadyLimit& limit = SteadyLimit(INT64_MAX));
+
+// Sleeps until the socket is ready for one of the events of poll(2). False when the limit has passed first.
+[[nodiscard]] bool wait_ready(int fd, short events, const SteadyLimit& limit);
 
 }  // namespace tq

@@ -26,7 +26,7 @@ struct Echo {
             received.append(greeting.begin(), greeting.end());
             if (greeting.size() < 8) return;
             sleep_ms(delay_ms);
-            peer.write(answer);
+            if (!peer.offer(answer)) return;
           }
         }) {}
   int32_t probe(int32_t count) { return tq_check_socket_info(count, "127.0.0.1", server.port()); }

@@ -58,6 +58,10 @@ class Peer {
       EXPECT_EQ(send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
     }
   }
+  // False when the client has gone already.
+  bool offer(const Bytes& bytes) const {
+    return send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+  }
   // Sleeps until the client closes its end.
   void wait_for_end() const { EXPECT_TRUE(read(1).empty()); }
 
