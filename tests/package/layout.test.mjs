@@ -34,6 +34,10 @@ test('the example', () => {
   assert.deepEqual(Object.keys(dependencies), ['tqreader']);
   const { module } = manifest(kExample, 'src/main/module.json5');
   assert.deepEqual(permissions({ module }), ['ohos.permission.NFC_TAG', 'ohos.permission.INTERNET']);
+  const actions = module.abilities.flatMap(({ skills }) => skills.flatMap((skill) => skill.actions));
+  assert.deepEqual(actions, ['ohos.want.action.home', 'ohos.nfc.tag.action.TAG_FOUND']);
+  const unpublished = readFileSync(join(kPackage, '.ohpmignore'), 'utf8').split('\n');
+  for (const path of ['example/', 'tests/', '.gitignore']) assert.ok(unpublished.includes(path), path);
   const resources = join(kExample, 'src/main/resources/base');
   for (const { name, srcEntry, ...ability } of module.abilities) {
     assert.equal(name, module.mainElement);

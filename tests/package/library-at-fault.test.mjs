@@ -50,6 +50,47 @@ test('the configuration reaches initSdk in its order', () => {
   assert.deepEqual(calls[0], ['initSdk', kConfig.appid, 0, 2, 268, '', '', 1, 'h', 1, 0, '']);
 });
 
+test('the reader keeps the configuration that it was given', async () => {
+  const { module, calls, callbacks } = scripted();
+  const [reader, other] = [new TqReader(module), new TqReader(module)];
+  const config = { ...kConfig };
+  reader.configure(config);
+  Object.assign(config, { environment: 1, host: 'elsewhere' });
+  other.configure(kConfig);
+  const read = reader.readIdentityCard({ connection });
+  callbacks.Result('{"code":0,"flag":1,"data":{}}');
+  await read;
+  assert.deepEqual(calls.filter(([name]) => name === 'initSdk')[2], calls[0]);
+});
+
+test('a cancelled read keeps neither commands nor the monitor record', async () => {
+  const { reader, callbacks } = configured();
+  const cancel = new CancelHandle();
+  const read = reader.readIdentityCard({ connection: { transmit: () => new Promise(() => {}) }, cancel });
+  callbacks.Card('{ "cmd": "00A4",  "serial_num": "0"}');
+  callbacks.Monitor('{"reqid": "R"}');
+  cancel.cancel();
+  await failure(read);
+  const { waiting, last, monitor } = TqReader.abandoned;
+  assert.deepEqual([waiting, last, monitor], [[], null, null]);
+});
+
+test('a refused READ of a data group is handed over once more, as a refused SELECT; a lost answer is not', async () => {
+  const answers = [[0x69, 0x82], [0x90, 0x00], []];
+  const rows = answers.map((answer) => ({ transmit: () => Promise.resolve(Uint8Array.from(answer)) }));
+  const given = [];
+  for (const card of rows) {
+    const { reader, callbacks, calls } = configured();
+    const read = reader.readPassport(kMrz, { connection: card });
+    callbacks.Card('{ "cmd": "0CB0",  "serial_num": "8"}');
+    await sleep(5);
+    given.push(calls.filter(([name]) => name === 'passportHandler').map(([, ...args]) => args));
+    callbacks.Result('{"code":0,"flag":1,"data":{}}');
+    await read;
+  }
+  assert.deepEqual(given, [[['6982', 8, 0], ['6982', 7, 0]], [['9000', 8, 0]], [['', 8, 0]]]);
+});
+
 test('a read that does not start leaves the reader free', async () => {
   const { reader, codes, calls, callbacks } = configured({ getIdInfo: -35010, getPassportInfo: -93003 });
   assert.deepEqual(await failure(reader.readIdentityCard({ connection })), ['NO_THREAD', -35010]);

@@ -24,9 +24,10 @@ function checkGood({ result, differences }, passport) {
 /**
  * Compares what came of a read with its row: `error` [name, code] and its `detail`; `id`: whether the error names the read;
  * without `error` the read is a good one. `within` so many milliseconds. `woken`: the library may have got one answer more
- * than it has sent commands. `again`: the error of the read after it, when that is not a good one.
+ * than it has sent commands. `again`: the error of the read after it, when that is not a good one. `skipped`: so many data
+ * groups were skipped after a refused READ; `sodFile`: file statuses of the record, from the last group on that matters.
  */
-function check(outcome, { error, detail, id, within, passport, cancel, atOnce, woken = false, again }) {
+function check(outcome, { error, detail, id, within, passport, cancel, atOnce, woken = false, again, skipped = 0, sodFile }) {
   assert.deepEqual(outcome.unhandled, []);
   if (error) {
     const { isError, name, code, meaning, message, businessId } = outcome.error ?? {};
@@ -39,6 +40,8 @@ function check(outcome, { error, detail, id, within, passport, cancel, atOnce, w
   } else {
     checkGood(outcome, passport);
   }
+  assert.equal(outcome.skips.length, skipped);
+  if (sodFile) assert.match(outcome.result.monitor.sod_file, sodFile);
   if (!atOnce) {
     assert.ok(outcome.idle, 'the worker is gone');
     const extra = outcome.answers.length - outcome.commands.length;
@@ -132,16 +135,45 @@ testReads('connections that fail', [
     connection: { behaviour, serial: 5 }, error: kGone, id: true, again: ['CARD_FAILED', -93006] })),
 ]);
 
+// A passport that lets a data group be selected and refuses to have it read. Such a group has two rows in the record, which
+// the server's own check of the record does not expect; nor does the chip's watch expect that the read goes on.
+const refusedGroup = { chip: { order: 'any' }, server: { monitorText: 'any' }, skipped: 1 };
+const refuses = (on, nth) => ({ chip: { order: 'any', rules: [{ on, nth, do: 'statusWord', status: '6982' }] } });
+testReads('data groups that are not to be read', [
+  ...[['with proof', {}], ['without proof', { dataGroups: [1, 2, 3, 11, 14] }]].flatMap(([proof, options]) => [
+    { name: `DG3 refused in plain, ${proof}`, ...refusedGroup, passport: { persona: 'dg3Unreadable', ...options },
+      sodFile: /;dg2_str:9000;dg3_str:6982;dg3_str:6982;dg14_str:9000$/ },
+    // the chip alone counts a protected refusal, and refuses what comes after it
+    { name: `DG3 refused under secure messaging, ${proof}`, ...refusedGroup, chip: {}, passport: { persona: 'dg3Unreadable', refusals: 'protected', ...options },
+      sodFile: /;dg2_str:9000;dg3_str:99026982;dg3_str:99026982;dg14_str:6988$/ },
+  ]),
+  { name: 'DG3 refused, text alone', ...refusedGroup, passport: { persona: 'dg3Unreadable' }, identity: { readMode: 1 } },
+  { name: 'two groups refused, the last one among them', ...refusedGroup, skipped: 2, sodFile: /;dg3_str:6A82;dg3_str:6A82;dg14_str:6982;dg14_str:6982$/,
+    passport: { persona: 'dg3Unreadable', refused: { '0x0103': { on: 'read', status: '6A82' }, '0x010E': { on: 'read', status: '6982' } } } },
+  { name: 'DG11 refused, before the groups that are needed', ...refusedGroup, passport: { refused: { '0x010B': { on: 'read', status: '6982' } } },
+    sodFile: /;dg11_str:6982;dg11_str:6982;dg1_str:9000;/ },
+  { name: 'DG11 refused in its middle', passport: true, ...refusedGroup, ...refuses('READ DG11', 2), server: { monitorText: 'any', passport: null } },
+  ...['DG1', 'DG2'].map((name) => ({ name: `${name} refused`, passport: true, ...refuses(`READ ${name}`, 1), skipped: 1, error: ['FAILED', -1], id: true })),
+  { name: 'cancelled in the progress function, after a refusal', passport: true, ...refuses('READ DG15', 1), cancel: { on: 'READ DG' },
+    error: ['CANCELLED', 1], woken: true },
+]);
+
+test('what is asked of a passport after DG3 has been refused', async () => {
+  const { steps } = await alone('perform', { ...refusedGroup, passport: { persona: 'dg3Unreadable' } });
+  const from = steps.indexOf('SELECT DG3');
+  assert.deepEqual(steps.slice(from - 1, from + 4), ['INTERNAL AUTHENTICATE', 'SELECT DG3', 'READ DG3', 'SELECT DG14', 'READ DG14']);
+});
+
 testReads('reads at a standstill', [
   { name: 'card: an empty file', connection: { behaviour: 'emptyFile', serial: 8 }, error: ['NO_RESULT', 7],
     detail: 'the card gave an empty file', woken: true, within: 2000 },
   // behind INTERNAL AUTHENTICATE the library would wait for another answer: the tenth READ of a data group is DG14's first
   { name: 'passport: gone after it has proved itself', passport: true, connection: { behaviour: 'rejects', serial: 8, nth: 10 }, error: kGone,
     detail: 'tag lost', woken: true, within: 2000 },
-  { name: 'passport: a group is not to be read', passport: true, connection: { behaviour: 'refuses', serial: 8, nth: 10 }, error: ['CARD_FAILED', -93006],
-    woken: true, within: 2000 },
-  { name: 'passport: a group is not to be read, no proof asked for', passport: { dataGroups: [1, 2, 14] },
-    connection: { behaviour: 'refuses', serial: 8, nth: 6 }, silenceLimit: 300, error: ['NO_RESULT', 7], woken: true, within: 3000 },
+  { name: 'passport: nothing comes back after it has proved itself', passport: true, connection: { behaviour: 'givesNoBytes', serial: 8, nth: 10 },
+    error: kGone, woken: true, within: 2000 },
+  { name: 'passport: a data group cannot be opened', passport: true, chip: { rules: [{ on: 'READ DG14', nth: 1, do: 'wrongMac' }] },
+    silenceLimit: 300, error: ['NO_RESULT', 7], woken: true, within: 3000 },
   { name: 'the server is silent for longer than the limit', server: silentAt('0x5001'), silenceLimit: 300, error: ['NO_RESULT', 7], woken: true, within: 3000 },
   { name: 'the server is silent for less', server: { rules: [{ on: '0x6113', do: 'delay', ms: 400 }] }, silenceLimit: 1000 },
 ]);
@@ -203,6 +235,10 @@ testReads('a read that begins in the moment in which another one is cancelled', 
   { name: `${kind}: in the same moment as the start`, ...row, cancel: { on: 'start' } },
 ]).map((row) => ({ ...row, error: kCancelled, atOnce: true })));
 
+testReads('a read that begins while the command of one that has its result is still with the card', ['late', 'lateFailure', 'never'].map((behaviour) => (
+  { name: `its answer comes ${behaviour}`, passport: { persona: 'withoutCom' }, connection: { behaviour, serial: 4 }, error: ['CARD_FAILED', -93006], id: true,
+    atOnce: true, again: ['CARD_FAILED', -93006] })));
+
 for (const [kind, { passport }] of kBoth) {
   test(`${kind}: cancelled at any moment, and another read at once`, async () => {
     const { bad, before, after, unhandled } = await alone('races', { count: SANITIZED ? 24 : 60, passport });
@@ -220,8 +256,8 @@ test('wrong use is refused before anything is sent', async () => {
   const { rows, seen, again, unhandled } = await alone('misuse');
   const expected = [[/connection: |no options/, 'NO_CONNECTION'], [/^mrz: /, 'BAD_MRZ'], [/^cancel: already/, 'CANCELLED'], [/^cancel: no/, 'OUT_OF_RANGE'],
     [/not configured|after a bad/, 'NOT_CONFIGURED'], [/no library/, 'NO_LIBRARY'], [/^environment/, 'UNKNOWN_ENVIRONMENT'], [/^appid/, 'BAD_APPID'],
-    [/^sn/, 'BAD_SERIAL_NUMBER'], [/^port|^readMode/, 'OUT_OF_RANGE']];
-  assert.equal(Object.keys(rows).length, 42);
+    [/^sn/, 'BAD_SERIAL_NUMBER'], [/^port|^readMode|^undefined for|^null for/, 'OUT_OF_RANGE']];
+  assert.equal(Object.keys(rows).length, 47);
   for (const [name, { error }] of Object.entries(rows)) {
     const [, wanted] = expected.find(([pattern]) => pattern.test(name));
     assert.equal(error?.name, wanted, name);

@@ -48,7 +48,6 @@ const kBehaviour = {
   never: () => new Promise(() => {}),
   late: () => sleep(60).then(() => Uint8Array.of(0x90, 0x00)),
   lateFailure: () => sleep(60).then(() => { throw new Error('tag lost'); }),
-  refuses: () => Promise.resolve(Uint8Array.of(0x69, 0x82)),
   swallows: (good) => good().then(() => { throw new Error('tag lost'); }),
   emptyFile: () => Promise.resolve(Uint8Array.of(0x90, 0x00)),
   thenable: (good) => ({ then: (resolve, reject) => good().then(resolve, reject) }),
@@ -72,7 +71,7 @@ class Stage {
 
   constructor() {
     this.app.module.on('command', ({ serial }) => this.#saw('commands', serial));
-    this.app.module.on('answer', ({ serial }) => this.#saw('answers', serial));
+    this.app.module.on('answer', ({ serial, skips }) => this.#saw(skips ? 'skips' : 'answers', serial));
     this.app.on('difference', ({ message }) => this.#saw('differences', message));
   }
 
@@ -84,12 +83,12 @@ class Stage {
     return this.app.reader;
   }
 
-  async open({ identity, passport, claims, server = {} } = {}) {
+  async open({ identity, passport, claims, chip, server = {} } = {}) {
     this.watch();
     const who = { ...DEFAULT_IDENTITY, ...identity };
     const issuedNow = passport && passportOf(passport === true ? {} : passport);
     this.mrz = passport && { ...issuedNow, ...claims };
-    this.document = passport ? new PassportChip(issuedNow, { readMode: who.readMode }) : new IdentityCard();
+    this.document = passport ? new PassportChip(issuedNow, { readMode: who.readMode, ...chip }) : new IdentityCard();
     this.document.on('difference', ({ message }) => this.#saw('differences', message));
     this.app.useLink(new CardLink(this.document));
     this.server = new DecodeServer({ keys: kKeys, persona: expectedPersona(who), envIdCode: who.envIdCode,
@@ -106,7 +105,7 @@ class Stage {
   }
 
   watch() {
-    this.seen = { commands: [], answers: [], differences: [], steps: [], exchanges: [], connections: [], progress: [] };
+    this.seen = { commands: [], answers: [], skips: [], differences: [], steps: [], exchanges: [], connections: [], progress: [] };
     return this.seen;
   }
 
@@ -133,7 +132,7 @@ class Stage {
     this.onEvent = null;
     this.server.update({ rules: [], answers: {} });
     const { differences } = this.watch();
-    return { ...await settled(this.start({ connection: this.connection() }, reader)), differences };
+    return { ...await settled(this.start({ connection: this.connection(), cancel: null }, reader)), differences };
   }
 
   close() {
@@ -146,7 +145,7 @@ const stage = new Stage();
 
 /**
  * One read, and a good one after it in the same process. A row may have
- *   identity, passport, claims, server   see `Stage.open`; `nobody`: no server listens for the first read
+ *   identity, passport, claims, chip, server   see `Stage.open`; `nobody`: no server listens for the first read
  *   connection    see `Stage.connection`
  *   cancel        { on, times, afterMs }: at a command with this serial number, at a server command, at 'start', at 'CONNECT' (in
  *                 the progress function), or so many milliseconds after the start
@@ -217,6 +216,8 @@ export async function misuse() {
     rows[`connection: ${name}`] = await settled(reader.readIdentityCard({ connection: value }));
     rows[`passport connection: ${name}`] = await settled(reader.readPassport(mrz, { connection: value }));
   }
+  const hostile = { get transmit() { throw new Error('no transmit'); } };
+  rows['connection: hostile'] = await settled(reader.readIdentityCard({ connection: hostile }));
   rows['no options'] = await settled(reader.readIdentityCard());
   const wrong = { documentNumber: ['', ' \t', 'A'.repeat(21), 'SPEC<0123', 'ÄBC', undefined, 7, null], birthDate: ['', '9001', '9001O1', '1990-01-01', 900101],
     expiryDate: ['', '34123\n', '3412310', undefined] };
@@ -229,6 +230,10 @@ export async function misuse() {
   rows['not configured'] = await settled(new TqReader(native).readIdentityCard({ connection }));
   rows['no library'] = await settled(new TqReader(undefined).readIdentityCard({ connection }));
   rows['no library: configure'] = await configure({}, new TqReader(undefined));
+  for (const nothing of [undefined, null]) {
+    rows[`${nothing} for a configuration`] = await settled(new Promise(() => reader.configure(nothing)));
+    rows[`${nothing} for a query`] = await settled(reader.antennaLocation(nothing));
+  }
   for (const environment of [0, 269, '268', undefined, NaN]) rows[`environment ${environment}`] = await configure({ environment });
   rows['appid'] = await configure({ appid: 'short' });
   rows['after a bad configuration'] = await settled(reader.readIdentityCard({ connection }));

@@ -5,6 +5,10 @@ export interface BusinessError<T = void> extends Error {
   data: T;
 }
 
+export interface Callback<T> {
+  (data: T): void;
+}
+
 export interface AsyncCallback<T, E = void> {
   (err: BusinessError<E>, data: T): void;
 }

@@ -1,10 +1,20 @@
 // NFC: what the example uses of the phone's kit.
 
 import type { ElementName } from './kit.AbilityKit';
-import type { AsyncCallback } from './kit.BasicServicesKit';
+import type { AsyncCallback, Callback } from './kit.BasicServicesKit';
 
 export namespace nfcController {
+  enum NfcState {
+    STATE_OFF = 1,
+    STATE_TURNING_ON = 2,
+    STATE_ON = 3,
+    STATE_TURNING_OFF = 4
+  }
+
   function isNfcOpen(): boolean;
+  /** These two throw a BusinessError. */
+  function on(type: 'nfcStateChange', callback: Callback<NfcState>): void;
+  function off(type: 'nfcStateChange', callback?: Callback<NfcState>): void;
 }
 
 export namespace tag {

@@ -90,7 +90,10 @@ export interface MonitorDocument {
   decode_times: number;
   /** Milliseconds that the first exchange with the decode server took by the time function. */
   time_delay: number;
-  /** Status word of the last card answer; 36864 (0x9000) when it was good. */
+  /**
+   * Status word of the last card answer; 36864 (0x9000) when it was good, 0 when no answer came. Above 0xFFFF when an answer
+   * of four bytes or more was not good: its first two bytes x 65536, and what its end tells.
+   */
   nfc_err_code: number;
   /** First 32 bytes at most of the card command that failed, upper-case hexadecimal; "" when none did. */
   nfc_err_cmd: string;
@@ -140,7 +143,8 @@ export interface TqReaderModule {
   getIdInfo(): number;
 
   /**
-   * Starts to read a passport, and returns at once, as `getIdInfo` does.
+   * Starts to read a passport, and returns at once, as `getIdInfo` does. Blanks around the values are ignored; of a date no
+   * more than 19 bytes are looked at.
    *
    * @param idNumber    document number: 1 to 20 letters and digits, without fillers
    * @param birthday    date of birth: YYMMDD
@@ -177,7 +181,8 @@ export interface TqReaderModule {
   passportHandler(data: string, serial_num: number, status: number): void;
 
   /**
-   * Registers the result function. It is called once per read, except for one that was cancelled or superseded.
+   * Registers the result function. It is called once per read. A superseded read does not call it, nor does one that was
+   * cancelled before its result was being reported, see `cancelCard`; but a call may be on its way already.
    *
    * @param callback  gets a {@link ResultDocument} as JSON text
    * @returns 0, or -13008 when `callback` is no function
@@ -205,8 +210,10 @@ export interface TqReaderModule {
 
   /**
    * Cancels the running read of one kind: its connection to the decode server is closed, and it ends without a result as
-   * soon as it has got the answer that it waits for. (Only one that is still being authenticated reports -20001 or
-   * -22003.) A read that waits for its card is not woken: give it an answer with status -1.
+   * soon as it has got the answer that it waits for. A read that waits for its card is not woken: give it an answer with
+   * status -1. Two kinds of read still call the result function: one that is being authenticated, with -20001 or -22003;
+   * and one whose result is being reported (from the call of the monitor function on, while the record goes to the
+   * server), with that result.
    *
    * @param type  0: identity card; 1: passport; any other value does nothing
    * @returns always 0
@@ -234,8 +241,8 @@ export interface TqReaderModule {
    * @param manufacture  manufacturer of the phone, up to 64 bytes
    * @param marketName   market name of the phone, up to 64 bytes
    * @param callback     returns the time in milliseconds since 1970; called during the call
-   * @returns the location, 0 to 255, as the server defines it; or -13003, -13008, -13009, -22003, -33005, -35006 or the
-   *   server's status
+   * @returns the location, 0 to 255, as the server defines it; or -13003, -13009, -22003, -33005, -35006 or the server's
+   *   status. 0 as well, which reads as location 0, when `callback` is no function
    */
   getDeviceNFCLocation(appid: string, envCode: number, ip: string, port: number, manufacture: string,
     marketName: string, callback: () => number): number;
