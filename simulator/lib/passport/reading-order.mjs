@@ -145,7 +145,9 @@ export class ReadingOrder {
   #notRead(file) {
     this.rows.add(file);
     this.withLe = file === 'EF.COM';
-    return file === 'EF.COM' ? ['SELECT EF.SOD'] : []; // waits in silence after other groups
+    if (file === 'EF.COM') return ['SELECT EF.SOD'];
+    // after another group the reader waits, and goes on when it is told of the refusal once more
+    return ['EF.SOD', 'DG1', 'DG2'].includes(file) ? [] : this.#nextFile();
   }
 
   #chunk(file, data) {
