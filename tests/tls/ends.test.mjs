@@ -3,7 +3,7 @@
 import assert from 'node:assert/strict';
 import { test } from 'node:test';
 import { setTimeout as sleep } from 'node:timers/promises';
-import { alert, data, hex, kFatal, kHandshake, kWarning } from './scripted-server.mjs';
+import { alert, data, hex, kFatal, kHandshake, kHelloRequest, kWarning } from './scripted-server.mjs';
 import { kAlerts, kDefaults, play } from './rig.mjs';
 
 const kClose = alert(kWarning, 0);
@@ -84,6 +84,7 @@ const kEnds = [
   ['the client closes first', { lastWords: [kClose] }, ['connect', 'shutdown', 'shutdown'], [1, 0, 1], [kCloseNotify]],
   ['and drops what still comes', { lastWords: [data('late'), data('later'), kClose] }, ['connect', 'shutdown', 'shutdown'], [1, 0, 1], [kCloseNotify]],
   ['and reads what still comes', { lastWords: [data('late'), kClose] }, ['connect', 'shutdown', 'read', 'shutdown'], [1, 0, 4, 1], [kCloseNotify]],
+  ['and leaves a hello request without an answer', { lastWords: [kHelloRequest, kClose] }, ['connect', 'shutdown', 'shutdown'], [1, 0, 1], [kCloseNotify]],
   ['an end instead of close_notify', { lastWords: [{ fin: true }] }, ['connect', 'shutdown', 'shutdown'], [1, 0, -1], [kCloseNotify]],
   ['no writing behind shutdown', {}, ['connect', 'shutdown', 'write=x'], [1, 0, -1], [kCloseNotify]],
   ['no writing behind the other close_notify', { after: (s) => s.send([kClose]) }, ['connect', 'read', 'write=x', 'shutdown'], [1, 0, -1, 1], [kCloseNotify]],

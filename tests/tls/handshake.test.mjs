@@ -6,7 +6,7 @@
 //   Rule                                          right cases                          wrong cases
 //   fragments, coalescing, one-byte records       fragmentation, R records, I          fragmentation, R TCP segments
 //   32 empty records in a row                     alerts and empty records, R records  the same
-//   2^14 plaintext, 2^14+2048 ciphertext          R records                            R records, R record headers
+//   2^14 plaintext, 2^14+2048 ciphertext          lengths of messages, R records       the same, R record headers
 //   types and versions of records                 record versions, R record headers    the same
 //   nothing left over before ChangeCipherSpec     fragmentation, order                 fragmentation, order
 //   strict order, no ServerKeyExchange            order                                order, R content behind Finished
@@ -14,7 +14,7 @@
 //   suites, compression, extensions               the server hello, the client hello   the server hello
 //   the key: 1024 to 8192 bits, odd, exponent     the key in the certificate, I        the key in the certificate
 //   CertificateRequest                            lengths of messages, I gnutls        order, lengths of messages
-//   HelloRequest                                  order, R content behind Finished     R content behind Finished
+//   HelloRequest                                  order, R content behind Finished     R content behind Finished, E ends
 //   Finished in full                              Finished                             Finished
 //   CBC: MAC, every byte of the padding           R the MAC, R CBC, U CbcCheck         the same
 //   CBC: one alert, no time that tells            M                                    R the MAC, R CBC; M planted
@@ -24,11 +24,11 @@
 //   close_notify, end of the stream, alerts       R alerts, E ends                     the same, alerts and empty records
 //   limits of time, SIGPIPE, EINTR, short writes  E signals, E a limit that is lifted  E limits of time, E a peer that is gone
 //   random bytes                                  random bytes are new, U              U RandomDevice
-//   wiping                                        every case (the client's heap is watched)
+//   wiping                                        every case (blocks of the heap, when they are freed; the stack is not looked at)
 
 import assert from 'node:assert/strict';
 import { test } from 'node:test';
-import { certificate, der, integer, keyInfo, kRsaEncryption, makeKey, rsaPublicKey } from './rsa-key.mjs';
+import { certificate, der, integer, keyInfo, kRsaEncryption, makeKey, oid, rsaPublicKey } from './rsa-key.mjs';
 import {
   alert, data, hex, kAlert, kCcs, kChangeCipherSpec, kData, kFatal, kHandshake, kHelloRequest, kRenegotiationInfo,
   kSuites, kWarning, message, number,
@@ -42,6 +42,7 @@ const replaced = (index, item) => changedFlight(index, () => item);
 const inserted = (index, ...items) => ({ first: (usual) => [...usual.slice(0, index), ...items, ...usual.slice(index)] });
 const hello = (fields) => ({ hello: fields });
 const extension = (type, content = '') => hello({ extensions: [kRenegotiationInfo, [type, hex(content)]] });
+const named = (...answers) => ({ name: 'example.test', ...hello({ extensions: [...answers.map((answer) => [0, hex(answer)]), kRenegotiationInfo] }) });
 const certificates = (body) => replaced(1, message(11, body));
 const list = (...parts) => {
   const all = Buffer.concat(parts);
@@ -169,6 +170,8 @@ handshakeTable('the server hello', [
   ['compression', hello({ compression: 1 }), 'illegal_parameter'],
   ['a session id of 33 bytes', hello({ session: Buffer.alloc(33) }), 'decode_error'],
   ['a name that was not sent', extension(0), 'unsupported_extension'],
+  ['a name in the answer to the name', named('00'), 'decode_error'],
+  ['two answers to the name', named('', ''), 'decode_error'],
   ['signature_algorithms', extension(13, '00020401'), 'unsupported_extension'],
   ['ALPN', extension(16, '0003026832'), 'unsupported_extension'],
   ['encrypt-then-MAC', extension(22), 'unsupported_extension'],
@@ -197,6 +200,7 @@ handshakeTable('lengths of messages', [
   ['Finished with a byte too many', { closing: ([ccs, keys]) => [ccs, keys, message(20, Buffer.alloc(13))] }, 'decode_error'],
   ['Finished cut short', { closing: ([ccs, keys]) => [ccs, keys, message(20, Buffer.alloc(11))] }, 'decode_error'],
   ...[[0, 2], [1, 11], [2, 14]].map(([at, type]) => [`message ${type} that claims 2^24-1 bytes`, replaced(at, { type: kHandshake, content: hex(`${number(type, 1).toString('hex')}ffffff`) }), 'illegal_parameter']),
+  ['a record in clear of 2^14+1 bytes', { first: () => [{ raw: hex('16 0303 4001') }, { fin: true }] }, 'record_overflow'],
   ['a chain above the cap', { chain: [kLeaf, ...Array(40).fill(Buffer.alloc(2700))] }, 'illegal_parameter'],
   ['a first certificate above its cap', { chain: [Buffer.alloc(70000)] }, 'bad_certificate'],
   ['an empty chain', { chain: [] }, 'bad_certificate'],
@@ -238,6 +242,8 @@ handshakeTable('the key in the certificate', [
   ['an exponent as large as the modulus', odd(key.modulus, key.modulus), 'unsupported_certificate'],
   ['an elliptic-curve key', withKey({ keyInfo: keyInfo(Buffer.alloc(65, 4), der(0x30, der(0x06, hex('2A8648CE3D0201')), der(0x06, hex('2A8648CE3D030107')))) }), 'unsupported_certificate'],
   ['an RSA-PSS key', withKey({ keyInfo: keyInfo(rsaPublicKey(key), der(0x30, der(0x06, hex('2A864886F70D01010A')))) }), 'unsupported_certificate'],
+  ...[['no', ''], ['other', '3000'], ['longer', '050100'], ['two', '05000500']].map(([which, parameters]) =>
+    [`${which} parameters of the algorithm`, withKey({ keyInfo: keyInfo(rsaPublicKey(key), der(0x30, oid('2A864886F70D010101'), hex(parameters))) }), 'bad_certificate']),
   ['a version 1 certificate', withKey({ version: Buffer.alloc(0), extensions: Buffer.alloc(0) }), 'ok'],
   ['no key at all', withKey({ keyInfo: Buffer.alloc(0) }), 'bad_certificate'],
   ['a negative modulus', withKey({ keyInfo: keyInfo(der(0x30, der(0x02, Buffer.concat([hex('80'), Buffer.alloc(255, 1)])), integer(3n))) }), 'bad_certificate'],
@@ -253,6 +259,12 @@ handshakeTable('the key in the certificate', [
   ['noise', { chain: [Buffer.alloc(300, 0xa5)] }, 'bad_certificate'],
 ]);
 
+// ChangeCipherSpec is content too.
+const beforeAll = (items) => ({
+  first: (usual) => usual.flatMap((item) => [...items, item]),
+  closing: ([ccs, keys, finished]) => [...items, ccs, keys, ...items, finished],
+});
+
 handshakeTable('alerts and empty records', [
   ['warnings between the messages', { first: (items) => items.flatMap((item) => [alert(kWarning, 112), item]) }, 'ok'],
   ['six warnings', inserted(1, ...Array(6).fill(alert(kWarning, 112))), 'unexpected_message'],
@@ -263,5 +275,7 @@ handshakeTable('alerts and empty records', [
   ['an empty alert', inserted(1, { type: kAlert, content: hex('') }), 'decode_error'],
   ['empty application data in clear', inserted(1, data('')), 'decode_error'],
   ['32 empty records', inserted(1, ...Array(32).fill({ type: kHandshake, content: hex('') })), 'ok'],
+  ['five warnings before all content', beforeAll(Array(5).fill(alert(kWarning, 112))), 'ok'],
+  ['32 empty records before all content', beforeAll(Array(32).fill({ type: kHandshake, content: hex('') })), 'ok'],
   ['33 empty records', inserted(1, ...Array(33).fill({ type: kHandshake, content: hex('') })), 'unexpected_message'],
 ]);

@@ -59,7 +59,7 @@ function requireBothSides(title, rows, isRight) {
   assert.ok(rows.some((row) => !isRight(row)), `${title}: no wrong case`);
 }
 
-// A table of handshakes. A row: [name, plan, what the client sends back].
+// A table of handshakes. A row: [name, plan, what the client sends back]. A plan with a `name` has the client send it.
 //   'ok'        the handshake succeeds, nothing but close_notify is sent
 //   an alert    the handshake fails with this fatal alert
 //   'silent'    it fails without one
@@ -70,6 +70,7 @@ export function handshakeTable(title, rows) {
       await t.test(name, async () => {
         const good = expected === 'ok';
         const steps = expected === 'silent' ? ['connect'] : ['connect', good ? 'shutdown' : 'close-wait'];
+        if (plan.name) steps.unshift(`name=${plan.name}`);
         const { server, step } = await play(plan, steps);
         assert.equal(server.fault, undefined, 'the client keeps to the protocol');
         assert.deepEqual(server.alerts, alertsOf(expected));
