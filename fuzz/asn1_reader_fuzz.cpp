@@ -16,20 +16,6 @@ bool lies_within(const uint8_t* p, size_t len, const fuzz::Block& block) {
   return p >= block.bytes().data() && p <= end && len <= static_cast<size_t>(end - p);
 }
 
-int32_t read_length(const fuzz::Block& in, const uint8_t** pos, const uint8_t* end, int32_t tag) {
-  size_t len = 0;
-  const int32_t rc = tag == 0 ? DM_asn1_get_len(pos, end, &len) : DM_asn1_get_tag(pos, end, &len, tag);
-  require(rc != 0 || lies_within(*pos, len, in));
-  return rc;
-}
-
-int32_t read_bits(const fuzz::Block& in, const uint8_t** pos, const uint8_t* end) {
-  DM_asn1_bitstring bits{};
-  const int32_t rc = DM_asn1_get_bitstring(pos, end, &bits);
-  require(rc != 0 || (lies_within(bits.p, bits.len, in) && bits.unused_bits <= 7 && *pos == end));
-  return rc;
-}
-
 int32_t read_sequence(const fuzz::Block& in, const uint8_t** pos, const uint8_t* end, int32_t tag) {
   DM_asn1_sequence list{};
   const int32_t rc = DM_asn1_get_sequence_of(pos, end, &list, tag);
@@ -80,10 +66,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint8_t* const end = start + in.size();
   const uint8_t* pos = start;
   int32_t number = 0;
+  size_t len = 0;
+  DM_asn1_bitstring bits{};
   int32_t rc = 0;
   switch (reader) {
     case 0:
-      rc = read_length(in, &pos, end, tag);
+      rc = tag == 0 ? DM_asn1_get_len(&pos, end, &len) : DM_asn1_get_tag(&pos, end, &len, tag);
+      require(rc != 0 || lies_within(pos, len, in));
       break;
     case 1:
       rc = DM_asn1_get_int(&pos, end, &number);
@@ -94,7 +83,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       require(number == 0 || number == 1);
       break;
     case 3:
-      rc = read_bits(in, &pos, end);
+      rc = DM_asn1_get_bitstring(&pos, end, &bits);
+      require(rc != 0 || (lies_within(bits.p, bits.len, in) && bits.unused_bits <= 7 && pos == end));
       break;
     case 4:
       rc = read_sequence(in, &pos, end, tag);
@@ -102,8 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     default:
       walk(in);
   }
-  require(rc == 0 || rc == TQ_ASN1_OUT_OF_DATA || rc == TQ_ASN1_UNEXPECTED_TAG ||
-          rc == TQ_ASN1_INVALID_LENGTH || rc == TQ_ASN1_LENGTH_MISMATCH);
+  require(rc == 0 || (rc % 2 == 0 && rc <= TQ_ASN1_OUT_OF_DATA && rc >= TQ_ASN1_LENGTH_MISMATCH));
   require(pos >= start && pos <= end && (rc == 0 || pos == start));
   return 0;
 }

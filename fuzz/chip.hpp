@@ -17,32 +17,34 @@ inline Bytes padded(View bytes) {
   return blocks;
 }
 
+inline const Bytes kSuccess = {0x90, 0x00};
+
+inline Bytes next_counter(Bytes counter) {
+  for (size_t i = kBlock; i > 0 && ++counter[i - 1] == 0; --i) {
+  }
+  return counter;
+}
+
 // What follows the counter `ssc`: an answer of the chip, whose own counter is one ahead, or a command to it.
 class Chip {
  public:
-  Chip(const uint8_t* enc, const uint8_t* mac, const uint8_t* ssc) : ssc_(ssc, ssc + kBlock) {
+  Chip(const uint8_t* enc, const uint8_t* mac, const uint8_t* ssc) : ssc_(next_counter({ssc, ssc + kBlock})) {
     tq_des3_set2key_enc(&enc_, enc);
     tq_des3_set2key_dec(&dec_, enc);
     tq_des_setkey_enc(&mac_chain_, mac);
     tq_des3_set2key_enc(&mac_last_, mac);
-    for (size_t i = kBlock; i > 0 && ++ssc_[i - 1] == 0; --i) {
-    }
   }
 
   // Whole blocks.
   Bytes cryptogram(View content) const {
-    Bytes object = {0x87};
-    const size_t len = content.size() + 1;
-    if (len >= 0x80) object.push_back(len < 0x100 ? 0x81 : 0x82);
-    append_number(object, len, len < 0x100 ? 1 : 2);
-    object.push_back(1);
+    Bytes value = {1};
     uint8_t chain[kBlock] = {};
     for (size_t at = 0; at < content.size(); at += kBlock) {
       for (size_t i = 0; i < kBlock; ++i) chain[i] ^= content[at + i];
       tq_des3_crypt_ecb(&enc_, chain, chain);
-      append(object, chain);
+      append(value, chain);
     }
-    return object;
+    return element(0x87, value);
   }
 
   // Whole blocks.
@@ -60,11 +62,7 @@ class Chip {
   }
 
   // Retail MAC over the counter and what follows it.
-  Bytes mac(View content) const {
-    Bytes input = ssc_;
-    append(input, content);
-    return retail_mac(padded(input));
-  }
+  Bytes mac(View content) const { return retail_mac(padded(ssc_ + content)); }
   Bytes retail_mac(View blocks) const {
     Bytes chain(kBlock);
     for (size_t at = 0; at < blocks.size(); at += kBlock) {
@@ -78,17 +76,11 @@ class Chip {
 
   // With MAC and status words.
   Bytes answer(View objects) const {
-    Bytes out(objects.begin(), objects.end());
-    append(out, Bytes{0x8E, kBlock});
-    append(out, mac(objects));
-    append(out, Bytes{0x90, 0x00});
-    return out;
+    return Bytes(objects.begin(), objects.end()) + element(0x8E, mac(objects)) + kSuccess;
   }
 
   Bytes good_answer(View data) const {
-    Bytes objects = data.empty() ? Bytes{} : cryptogram(padded(data));
-    append(objects, Bytes{0x99, 2, 0x90, 0x00});
-    return answer(objects);
+    return answer((data.empty() ? Bytes{} : cryptogram(padded(data))) + element(0x99, kSuccess));
   }
 
  private:

@@ -1,47 +1,16 @@
 // The list of data groups in EF.COM and EF.SOD. Choices: EF.COM, EF.SOD, or content as the hash list of an
 // EF.SOD; room for identifiers.
-#include <algorithm>
-
 #include "harness.hpp"
 #include "passport/data_groups.h"
 
-namespace {
-
-using fuzz::Bytes;
-using fuzz::require;
-using fuzz::View;
-
-Bytes element(uint8_t tag, std::initializer_list<View> parts) {
-  Bytes out = {tag, 0x83};
-  size_t len = 0;
-  for (const View part : parts) len += part.size();
-  fuzz::append_number(out, len, 3);
-  for (const View part : parts) out.insert(out.end(), part.begin(), part.end());
-  return out;
-}
-
-Bytes sod_with_list(View list) {
-  const Bytes number = {0x02, 1, 0};
-  const Bytes type = {0x06, 0};
-  const Bytes set = {0x31, 0};
-  const Bytes algorithm = {0x30, 0};
-  const Bytes lds_object = element(0x30, {number, algorithm, element(0x30, {list})});
-  const Bytes content = element(0x30, {type, element(0xA0, {element(0x04, {lds_object})})});
-  const Bytes info = element(0x30, {type, element(0xA0, {element(0x30, {number, set, content})})});
-  Bytes file = {0x77, 0x00};
-  file.insert(file.end(), info.begin(), info.end());
-  return file;
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  fuzz::Choices choices(data, size);
+  using namespace fuzz;
+  Choices choices(data, size);
   const uint8_t mode = choices.one_of<uint8_t>({0, 1, 2});
   const uint8_t room = choices.next() % 97;
   const bool is_com = mode == 0;
   const auto walk = is_com ? get_passport_files_IDS_COM : get_passport_files_IDS_SOD;
-  const fuzz::Block file(mode == 2 ? View(sod_with_list(choices.content())) : choices.content());
+  const Block file(mode == 2 ? View(security_object(choices.content())) : choices.content());
 
   const std::unique_ptr<uint32_t[]> ids(new uint32_t[room]());
   const int32_t rc = walk(file.bytes().data(), file.size(), ids.get(), room);

@@ -1,11 +1,6 @@
 // A decode server without a network: it takes the place of the library's connection (the linker sends the
-// calls here, see CMakeLists.txt), opens and checks every request of a passport read, and answers well or
-// badly.
+// calls here, see CMakeLists.txt), opens the requests of a passport read, and answers well or badly.
 #pragma once
-
-#include <algorithm>
-#include <array>
-#include <iterator>
 
 #include "core/result_code.h"
 #include "harness.hpp"
@@ -14,35 +9,17 @@
 namespace fuzz {
 
 inline Bytes unseal(View sealed, const uint8_t* key) {
-  Bytes plain(sealed.begin(), sealed.end());
-  const int32_t len = TQ_sm4Decrypt(plain.data(), static_cast<int32_t>(plain.size()), key, 0, plain.data());
+  Bytes plain(sealed.size());
+  const int32_t len = TQ_sm4Decrypt(sealed.data(), static_cast<int32_t>(sealed.size()), key, 0, plain.data());
   require(len >= 0);
   plain.resize(static_cast<size_t>(len));
   return plain;
 }
 
-// Takes numbers and counted bytes off the front; whatever does not fit is a fault of the library.
-class Fields {
- public:
-  explicit Fields(View bytes) : rest_(bytes) {}
-
-  View take(size_t len) {
-    require(len <= rest_.size());
-    const View front = rest_.first(len);
-    rest_ = rest_.subspan(len);
-    return front;
-  }
-  size_t number(size_t width) {
-    size_t value = 0;
-    for (const uint8_t byte : take(width)) value = value << 8 | byte;
-    return value;
-  }
-  View counted() { return take(number(2)); }
-  View rest() const { return rest_; }
-
- private:
-  View rest_;
-};
+inline size_t number(View bytes) {
+  return std::accumulate(bytes.begin(), bytes.end(), size_t{0},
+                         [](size_t n, uint8_t b) { return n << 8 | b; });
+}
 
 enum class Reply : uint8_t { kGood, kNone, kStatus, kSealed, kPayload, kRaw };
 
@@ -60,9 +37,8 @@ class DecodeServer {
   bool timing = false;           // asks for times
 
   bool connect() {
-    const bool refused = (refused_connects >> (num_connects_++ & 7) & 1) != 0;
-    connected_ = !refused;
-    all_good_ = all_good_ && !refused;
+    connected_ = (refused_connects >> (num_connects_++ & 7) & 1) == 0;
+    all_good_ = all_good_ && connected_;
     return connected_;
   }
   void close() { connected_ = false; }
@@ -89,53 +65,45 @@ class DecodeServer {
         return plan.content;
       case Reply::kPayload:
         return response_frame(0x72, command, type, 8, plan.content);
-      case Reply::kStatus: {
-        Bytes frame = response_frame(0x72, command, type, 8, Bytes{0});
-        const size_t status_at = 3 + length_width(command);
-        frame[status_at + 1] = 0x13;
-        frame[status_at + 2] = 0x01;
-        frame.back() = sum(View(frame).subspan(1, frame.size() - 2));
-        return frame;
-      }
+      case Reply::kStatus:
+        return response_frame(0x72, command, type, 8, Bytes{0}, 0x1301);
       default:
         return response_frame(0x72, command, type, 8, payload(command, plan));
     }
   }
 
  private:
-  // Which command it is; every byte of it is looked at.
+  // Which command it is. Its frame is looked at, and what is encrypted in it.
   size_t open(View request) {
-    Fields fields(request);
-    require(fields.number(1) == 0x72);
-    const size_t which = command_of(request);
-    const uint32_t command = kCommands[which];
-    require(fields.number(length_width(command)) == request.size() && fields.number(2) == command);
-    require(fields.number(2) == 0x0009 && sum(request.subspan(1, request.size() - 2)) == request.back());
-    fields.take(2);
-    const auto type = static_cast<uint8_t>(fields.number(1));
-    const View body = fields.take(fields.rest().size() - 1);
+    require(request.size() > 14 && request[0] == 0x72);
+    const auto has_code = [&](uint32_t c) { return number(request.subspan(1 + length_width(c), 2)) == c; };
+    const auto found = std::find_if(std::begin(kCommands), std::end(kCommands), has_code);
+    require(found != std::end(kCommands));
+    const uint32_t command = *found;
+    const size_t width = length_width(command);
+    require(number(request.subspan(1, width)) == request.size());
+    require(number(request.subspan(3 + width, 2)) == 9);
+    require(sum(request.subspan(1, request.size() - 2)) == request.back());
+    const uint8_t type = request[7 + width];
+    const View body = request.subspan(8 + width, request.size() - 9 - width);
     if (command == 0x7500) take_authentication(body, type);
-    if (!knows_secrets_) return which;
-    if (command == 0x7201) take_start(opened(command, type, body));
+    if (!knows_secrets_) return static_cast<size_t>(found - kCommands);
+    if (command == 0x7201) check_secret(command, type, body);
     if (command == 0x7202) {
-      require(starts_with_token(body));
-      take_files(opened(command, type, body.subspan(token_.size())));
+      require(has_prefix(body, token_));
+      check_secret(command, type, body.subspan(token_.size()));
     }
-    if (command == 0x7219) take_report(body, type);
-    return which;
+    if (command == 0x7219) {
+      require(type == 0x19 && (has_prefix(body, token_) || has_prefix(body, {})));
+      const Bytes block = unseal(body.subspan(16), key_.data());
+      require(number(View(block).first(2)) == block.size());
+      require(sum(View(block).first(block.size() - 1)) == block.back());
+    }
+    return static_cast<size_t>(found - kCommands);
   }
 
-  bool starts_with_token(View body) const {
-    return body.size() > token_.size() && std::equal(token_.begin(), token_.end(), body.begin());
-  }
-
-  static size_t command_of(View request) {
-    for (size_t i = 0; i < std::size(kCommands); ++i) {
-      const size_t at = 1 + length_width(kCommands[i]);
-      if (request.size() > at + 9 && Fields(request.subspan(at)).number(2) == kCommands[i]) return i;
-    }
-    require(false);
-    return 0;
+  static bool has_prefix(View body, const std::array<uint8_t, 16>& prefix) {
+    return body.size() > prefix.size() && std::equal(prefix.begin(), prefix.end(), body.begin());
   }
 
   // The fresh key stands at the end, under the environment's.
@@ -151,45 +119,16 @@ class DecodeServer {
     unseal(body.first(body.size() - 32).subspan(21), key_.data());
   }
 
-  Bytes opened(uint32_t command, uint8_t type, View sealed) const {
-    require(type == 0xAA);
+  void check_secret(uint32_t command, uint8_t type, View sealed) const {
     const Bytes frame = unseal(sealed, key_.data());
-    require(frame.size() > 12);
-    const View data = View(frame).first(frame.size() - 3).subspan(9);
-    require(frame == secret_frame(command, data));
-    return {data.begin(), data.end()};
-  }
-
-  static void take_start(const Bytes& data) {
-    Fields fields(data);
-    fields.take(4);
-    fields.take(fields.number(1) + 3);
-    require(fields.rest().empty());
-  }
-
-  static void take_files(const Bytes& data) {
-    Fields fields(data);
-    for (int i = 0; i < 17; ++i) fields.counted();
-    require(fields.counted().size() <= 300);
-    fields.take(8);
-    fields.counted();
-    fields.take(4);
-    require(fields.rest().empty());
-  }
-
-  void take_report(View body, uint8_t type) const {
-    require(type == 0x19 && body.size() >= 32);
-    require(starts_with_token(body) ||
-            std::all_of(body.begin(), body.begin() + 16, [](uint8_t b) { return b == 0; }));
-    const Bytes block = unseal(body.subspan(16), key_.data());
-    require(Fields(block).number(2) == block.size());
-    require(sum(View(block).first(block.size() - 1)) == block.back());
+    require(type == 0xAA && frame.size() > 12);
+    require(frame == secret_frame(command, View(frame).first(frame.size() - 3).subspan(9)));
   }
 
   Bytes payload(uint32_t command, const Plan& plan) {
-    Bytes plain = plan.reply == Reply::kGood ? good_content(command) : plan.content;
-    Bytes sealed = seal(plain, key_.data());
-    if (command == 0x7202) sealed.insert(sealed.begin(), 1);
+    const Bytes plain = plan.reply == Reply::kGood ? good_content(command) : plan.content;
+    const Bytes sealed = seal(plain, key_.data());
+    if (command == 0x7202) return Bytes{1} + sealed;
     if (command == 0x7201 && plain.size() <= token_.size()) {
       token_.fill(0);
       std::copy(plain.begin(), plain.end(), token_.begin());
@@ -203,12 +142,9 @@ class DecodeServer {
     if (command == 0x7201) return Bytes(16, 0x70);
     if (command == 0x7202) return {0, 1, 2};  // an idType
     if (command == 0x7219) return {0};
-    Bytes block = {0, 0};
-    block.insert(block.end(), work_key(), work_key() + 16);
-    append(block, Bytes{0, 3, 'B', 'I', 'Z'});
-    block.resize(block.size() + 16, 0xC5);
+    const Bytes id = {0, 3, 'B', 'I', 'Z'};
+    Bytes block = Bytes{0, 41} + View(work_key(), 16) + id + Bytes(16, 0xC5);
     block.push_back(timing ? 0x10 : 0x00);
-    block[1] = static_cast<uint8_t>(block.size() + 1);
     block.push_back(sum(block));
     return block;
   }

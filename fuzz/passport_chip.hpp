@@ -17,55 +17,41 @@ namespace fuzz {
 
 using Key = std::array<uint8_t, 16>;
 
+constexpr Key key_of(uint64_t high, uint64_t low) {
+  Key key{};
+  for (size_t i = 0; i < 8; ++i) {
+    key[i] = static_cast<uint8_t>(high >> (56 - 8 * i));
+    key[i + 8] = static_cast<uint8_t>(low >> (56 - 8 * i));
+  }
+  return key;
+}
+
 // Appendix D.2: the document, and its keys.
 inline constexpr tq::MrzFields kDocument = {"L898902C<", "690806", "940623"};
-inline constexpr Key kDocumentEnc = {0xAB, 0x94, 0xFD, 0xEC, 0xF2, 0x67, 0x4F, 0xDF,
-                                     0xB9, 0xB3, 0x91, 0xF8, 0x5D, 0x7F, 0x76, 0xF2};
-inline constexpr Key kDocumentMac = {0x79, 0x62, 0xD9, 0xEC, 0xE0, 0x3D, 0x1A, 0xCD,
-                                     0x4C, 0x76, 0x08, 0x9D, 0xCE, 0x13, 0x15, 0x43};
+inline constexpr Key kDocumentEnc = key_of(0xAB94FDECF2674FDF, 0xB9B391F85D7F76F2);
+inline constexpr Key kDocumentMac = key_of(0x7962D9ECE03D1ACD, 0x4C76089DCE131543);
 // Appendix D.3: the seed that the chip brings about, and the session keys from it.
-inline constexpr Key kSeed = {0x00, 0x36, 0xD2, 0x72, 0xF5, 0xC3, 0x50, 0xAC,
-                              0xAC, 0x50, 0xC3, 0xF5, 0x72, 0xD2, 0x36, 0x00};
-inline constexpr Key kSessionEnc = {0x97, 0x9E, 0xC1, 0x3B, 0x1C, 0xBF, 0xE9, 0xDC,
-                                    0xD0, 0x1A, 0xB0, 0xFE, 0xD3, 0x07, 0xEA, 0xE5};
-inline constexpr Key kSessionMac = {0xF1, 0xCB, 0x1F, 0x1F, 0xB5, 0xAD, 0xF2, 0x08,
-                                    0x80, 0x6B, 0x89, 0xDC, 0x57, 0x9D, 0xC1, 0xF8};
+inline constexpr Key kSeed = key_of(0x0036D272F5C350AC, 0xAC50C3F572D23600);
+inline constexpr Key kSessionEnc = key_of(0x979EC13B1CBFE9DC, 0xD01AB0FED307EAE5);
+inline constexpr Key kSessionMac = key_of(0xF1CB1F1FB5ADF208, 0x806B89DC579DC1F8);
 
 inline constexpr uint8_t kChallenge[kBlock] = {0x46, 0x08, 0xF9, 0x19, 0x88, 0x70, 0x22, 0x12};
 // Stands in DG1; no freed memory may hold it.
 inline constexpr char kHolder[] = "P<UTOERIKSSON<<ANNA<MARIA<<<";
 
-inline Bytes element(uint8_t tag, View content) {
-  Bytes out = {tag};
-  if (content.size() >= 0x80) out.push_back(content.size() < 0x100 ? 0x81 : 0x82);
-  append_number(out, content.size(), content.size() < 0x100 ? 1 : 2);
-  append(out, content);
-  return out;
-}
-
 // Files that a read gets through, EF.COM and EF.SOD with just the way to their lists.
 inline std::map<uint16_t, Bytes> usual_files() {
-  Bytes com = {0x5F, 0x01, 0x04, '0', '1', '0', '7', 0x5F, 0x36, 0x06, '0', '4', '0', '0', '0', '0'};
-  append(com, Bytes{0x5C, 0x05, 0x61, 0x75, 0x6B, 0x6E, 0x6F});
-  Bytes object = {0x02, 0x01, 0x00, 0x30, 0x00};
-  append(object,
-         element(0x30, Bytes{0x30, 0x07, 2, 1, 1, 4, 2, 0xAA, 0xAA, 0x30, 0x07, 2, 1, 2, 4, 2, 0xBB, 0xBB}));
-  Bytes content = {0x06, 0x00};
-  append(content, element(0xA0, element(0x04, element(0x30, object))));
-  Bytes signed_data = {0x02, 0x01, 0x03, 0x31, 0x00};
-  append(signed_data, element(0x30, content));
-  Bytes sod = {0x06, 0x00};
-  append(sod, element(0xA0, element(0x30, signed_data)));
-
   Bytes holder(std::begin(kHolder), std::end(kHolder));
   holder.resize(88, '<');
-  return {{TQ_EF_COM, element(0x60, com)},
-          {TQ_EF_SOD, element(0x77, element(0x30, sod))},
-          {TQ_EF_DG1, element(0x61, holder)},
-          {TQ_EF_DG2, element(0x75, Bytes(600, 0x5A))},
-          {TQ_EF_DG11, element(0x6B, Bytes(150, 0x3C))},
-          {0x010E, element(0x6E, Bytes(20, 0x0E))},
-          {TQ_EF_DG15, element(0x6F, Bytes(16, 0x0F))}};
+  return {
+      {TQ_EF_COM, element(0x60, Bytes{0x5F, 0x01, 0, 0x5F, 0x36, 0, 0x5C, 5, 0x61, 0x75, 0x6B, 0x6E, 0x6F})},
+      {TQ_EF_SOD,
+       security_object(Bytes{0x30, 7, 2, 1, 1, 4, 2, 0xAA, 0xAA, 0x30, 7, 2, 1, 2, 4, 2, 0xBB, 0xBB})},
+      {TQ_EF_DG1, element(0x61, holder)},
+      {TQ_EF_DG2, element(0x75, Bytes(600, 0x5A))},
+      {TQ_EF_DG11, element(0x6B, Bytes(150, 0x3C))},
+      {0x010E, element(0x6E, Bytes(20, 0x0E))},
+      {TQ_EF_DG15, element(0x6F, Bytes(16, 0x0F))}};
 }
 
 class PassportChip {
@@ -91,7 +77,7 @@ class PassportChip {
 
   Chip channel() const { return {kSessionEnc.data(), kSessionMac.data(), ssc_.data()}; }
   // The reader has counted an answer.
-  void count() { ssc_ = next(ssc_); }
+  void count() { ssc_ = next_counter(ssc_); }
 
  private:
   struct Command {
@@ -102,12 +88,6 @@ class PassportChip {
   static constexpr size_t kMostCounted =
       8;  // answers that the reader may have counted since its last command
   static constexpr size_t kHeader = 4;
-
-  static Bytes next(Bytes counter) {
-    for (size_t i = kBlock; i > 0 && ++counter[i - 1] == 0; --i) {
-    }
-    return counter;
-  }
 
   Bytes plain(View command, bool strict) {
     const Bytes apdu(command.begin(), command.end());
@@ -131,12 +111,11 @@ class PassportChip {
     require(command[kHeader] == command.size() - 6);
     const View objects = command.subspan(5, command.size() - 16);
     const View mac = command.subspan(command.size() - 9, kBlock);
-    Bytes input = padded(command.first(kHeader));
-    append(input, objects);
+    const Bytes input = padded(command.first(kHeader)) + objects;
     Bytes counter = ssc_;
     for (size_t i = 0; i < kMostCounted; ++i) {
       const Chip channel(kSessionEnc.data(), kSessionMac.data(), counter.data());
-      counter = next(counter);
+      counter = next_counter(counter);
       if (!std::equal(mac.begin(), mac.end(), channel.mac(input).begin())) continue;
       ssc_ = counter;
       Bytes apdu(command.begin(), command.begin() + kHeader);
@@ -160,7 +139,7 @@ class PassportChip {
     const Bytes& apdu = *command.apdu;
     if (apdu[0] == 0) {
       if (apdu[1] == 0xA4) return {0x90, 0x00};
-      if (apdu[1] == 0x84) return with_success(kChallenge);
+      if (apdu[1] == 0x84) return Bytes(std::begin(kChallenge), std::end(kChallenge)) + kSuccess;
       return authenticated();
     }
     const auto data = [&](View bytes) {
@@ -183,20 +162,13 @@ class PassportChip {
   }
 
   Bytes authenticated() const {
-    Bytes r(authentication_.begin() + 8, authentication_.begin() + 16);
-    append(r, View(authentication_).first(8));
+    Bytes r =
+        Bytes(authentication_.begin() + 8, authentication_.begin() + 16) + View(authentication_).first(8);
     for (size_t i = 0; i < kSeed.size(); ++i) r.push_back(authentication_[16 + i] ^ kSeed[i]);
     const Chip document(kDocumentEnc.data(), kDocumentMac.data(), ssc_.data());
     const Bytes object = document.cryptogram(r);
     Bytes answer(object.end() - 32, object.end());
-    append(answer, document.retail_mac(padded(answer)));
-    return with_success(answer);
-  }
-
-  static Bytes with_success(View data) {
-    Bytes answer(data.begin(), data.end());
-    append(answer, Bytes{0x90, 0x00});
-    return answer;
+    return answer + document.retail_mac(padded(answer)) + kSuccess;
   }
 
   std::deque<Command> waiting_;

@@ -108,10 +108,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Read read(choices.next());
   while (!choices.content().empty()) {
     const uint8_t which = choices.next();
-    const size_t len = choices.next();
-    const View bytes = choices.content().first(std::min(len, choices.content().size()));
+    const View bytes = choices.take(choices.next());
     read.give(static_cast<uint16_t>(0x0100 + (which >> 2)), which & 3, bytes);
-    for (size_t i = 0; i < bytes.size(); ++i) choices.next();
   }
   return 0;
 }

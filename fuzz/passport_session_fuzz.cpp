@@ -55,17 +55,19 @@ class HarnessTime {
   bool armed_;
 };
 
-bool holds(View memory, View secret) {
-  return memmem(memory.data(), memory.size(), secret.data(), secret.size()) != nullptr;
-}
-
 bool holds_secrets(View memory) {
   const View holder(reinterpret_cast<const uint8_t*>(kHolder), sizeof kHolder - 1);
-  return holds(memory, holder) || holds(memory, kSessionEnc) || holds(memory, kSessionMac) ||
-         holds(memory, kDocumentEnc) || holds(memory, kDocumentMac);
+  for (const View secret :
+       {holder, View(kSessionEnc), View(kSessionMac), View(kDocumentEnc), View(kDocumentMac)}) {
+    if (memmem(memory.data(), memory.size(), secret.data(), secret.size()) != nullptr) return true;
+  }
+  return false;
 }
 
 // --- the application ---
+
+class Application;
+Application* g_application = nullptr;
 
 class Application final : public tq::ReadSession {
  public:
@@ -88,7 +90,8 @@ class Application final : public tq::ReadSession {
     cfg_.serverRoute = TQ_ROUTE_PASSPORT;
     share_register_card_callback(&cfg_, on_command, this);
     share_register_monitor_callback(&cfg_, on_monitor);
-    share_register_timestamp_callback(&cfg_, on_time);
+    share_register_timestamp_callback(&cfg_,
+                                      [] { return g_application->clock_ += g_application->clock_step_; });
     share_register_result_callback(&cfg_, on_result);
   }
 
@@ -106,14 +109,19 @@ class Application final : public tq::ReadSession {
   }
 
   DecodeServer& server() { return server_; }
-  void check_end() const;
+  void check_end() const {
+    require(!server_.connected() && g_heap.num_live == 0);
+    if (superseded_) require(num_results_ == 0);
+    if (cancelled_ && accepting_) require(num_results_ == 0);
+    if (!cancelled()) require(num_results_ == 1);
+    if (num_monitors_ == 1) require(num_results_ == 1 && monitored_code_ == code_);
+    if (num_results_ == 1 && faithful_ && heap_is_whole() && server_.all_good()) require(code_ == TQ_OK);
+  }
 
  private:
   Bytes counted() {
-    Bytes bytes(choices_.next());
-    bytes.resize(std::min(bytes.size(), choices_.content().size()));
-    for (uint8_t& byte : bytes) byte = choices_.next();
-    return bytes;
+    const View bytes = choices_.take(choices_.next());
+    return {bytes.begin(), bytes.end()};
   }
 
   // False when the input is over.
@@ -124,7 +132,6 @@ class Application final : public tq::ReadSession {
       --good_answers_left_;
       chip_.next_command();
       give(chip_.good_answer(), out);
-      out.serial = step_ == 0 ? chip_.serial() : static_cast<uint8_t>(step_ - 1);
     }
     return true;
   }
@@ -149,7 +156,6 @@ class Application final : public tq::ReadSession {
           faithful_ = false;
           chip_.next_command();
           give(odd_answer(turn & 0x0F), out);
-          out.serial = step_ == 0 ? chip_.serial() : static_cast<uint8_t>(step_ - 1);
           if ((turn & 0x0F) % kNumTurns == kMissing) out.status = -1;
           return true;
       }
@@ -192,8 +198,7 @@ class Application final : public tq::ReadSession {
       case kShortened: {
         Bytes answer = chip_.good_answer();
         answer.resize(choices_.next() % answer.size());
-        append(answer, Bytes{0x90, 0x00});
-        return answer;
+        return answer + kSuccess;
       }
       default:
         return {};
@@ -205,7 +210,8 @@ class Application final : public tq::ReadSession {
     return answer;
   }
 
-  static void give(const Bytes& answer, tq::CardAnswer& out) {
+  void give(const Bytes& answer, tq::CardAnswer& out) const {
+    out.serial = step_ == 0 ? chip_.serial() : static_cast<uint8_t>(step_ - 1);
     if (answer.size() > out.data.size()) return;  // counts as missing
     std::copy(answer.begin(), answer.end(), out.data.begin());
     out.length = static_cast<uint16_t>(answer.size());
@@ -219,12 +225,52 @@ class Application final : public tq::ReadSession {
     app.chip_.take(exact.bytes(), serial, app.faithful_ && app.heap_is_whole());
     return 0;
   }
-  static int32_t on_monitor(const monitor_param* param, char* out, uint32_t size);
-  static int64_t on_time();
-  static void on_result(info_data* info);
+  static int32_t on_monitor(const monitor_param* param, char* out, uint32_t size) {
+    const HarnessTime harness;
+    Application& app = *g_application;
+    require(++app.num_monitors_ == 1 && !app.cancelled() && param->card_type == 1);
+    require(std::strlen(param->sod_file) < TQ_STATUS_TEXT_SIZE && std::strlen(param->nfc_err_cmd) <= 64);
+    app.monitored_code_ = param->result_code;
+    require(size >= 2);
+    std::memcpy(out, "{}", 2);
+    return 2;
+  }
+  static void on_result(info_data* info) {
+    const HarnessTime harness;
+    Application& app = *g_application;
+    require(++app.num_results_ == 1 && !app.superseded_);
+    app.code_ = info->code;
+    require(app.is_documented(info->code));
+    require((info->data == nullptr) == (info->flag == 0));
+    if (info->flag != 0) {
+      const bool is_text = info->flag == TQ_RESULT_TEXT;
+      require(info->flag >= TQ_RESULT_JSON && info->flag <= TQ_RESULT_TEXT && is_text == (info->code < 0));
+      require(static_cast<size_t>(info->length) <= malloc_usable_size(info->data));
+    }
+    tq_mem_free(info->data);
+  }
 
   bool heap_is_whole() const { return g_heap.failing == 0 || g_heap.num_taken < g_heap.failing; }
-  bool is_documented(int32_t code) const;
+  bool is_documented(int32_t code) const {
+    switch (code) {
+      case TQ_OK:
+      case TQ_FAILED:
+      case TQ_CONNECT_FAILED:
+      case TQ_EXCHANGE_FAILED:
+      case TQ_REQUEST_NOT_BUILT:
+      case TQ_RESPONSE_MALFORMED:
+      case TQ_AUTHENTICATION_REFUSED:
+      case TQ_NO_CARD_ANSWER:
+      case TQ_CARD_REFUSED:
+      case TQ_CARD_FAILED:
+      case DecodeServer::kStatusCode:
+        return true;
+      case TQ_OUT_OF_RANGE:
+        return odd_step_;
+      default:
+        return server_.sent_anything() && code < 0 && code >= -999999;
+    }
+  }
 
   Choices choices_;
   SessionConfig cfg_{};
@@ -245,68 +291,6 @@ class Application final : public tq::ReadSession {
   int32_t monitored_code_ = 0;
   int32_t code_ = 0;
 };
-
-Application* g_application = nullptr;
-
-int32_t Application::on_monitor(const monitor_param* param, char* out, uint32_t size) {
-  const HarnessTime harness;
-  Application& app = *g_application;
-  require(++app.num_monitors_ == 1 && !app.cancelled() && param->card_type == 1);
-  require(std::strlen(param->sod_file) < TQ_STATUS_TEXT_SIZE && std::strlen(param->nfc_err_cmd) <= 64);
-  app.monitored_code_ = param->result_code;
-  require(size >= 2);
-  std::memcpy(out, "{}", 2);
-  return 2;
-}
-
-int64_t Application::on_time() {
-  return g_application->clock_ += g_application->clock_step_;
-}
-
-void Application::on_result(info_data* info) {
-  const HarnessTime harness;
-  Application& app = *g_application;
-  require(++app.num_results_ == 1 && !app.superseded_);
-  app.code_ = info->code;
-  require(app.is_documented(info->code));
-  require((info->data == nullptr) == (info->flag == 0));
-  if (info->flag != 0) {
-    const bool is_text = info->flag == TQ_RESULT_TEXT;
-    require(info->flag >= TQ_RESULT_JSON && info->flag <= TQ_RESULT_TEXT && is_text == (info->code < 0));
-    require(static_cast<size_t>(info->length) <= malloc_usable_size(info->data));
-  }
-  tq_mem_free(info->data);
-}
-
-bool Application::is_documented(int32_t code) const {
-  switch (code) {
-    case TQ_OK:
-    case TQ_FAILED:
-    case TQ_CONNECT_FAILED:
-    case TQ_EXCHANGE_FAILED:
-    case TQ_REQUEST_NOT_BUILT:
-    case TQ_RESPONSE_MALFORMED:
-    case TQ_AUTHENTICATION_REFUSED:
-    case TQ_NO_CARD_ANSWER:
-    case TQ_CARD_REFUSED:
-    case TQ_CARD_FAILED:
-    case DecodeServer::kStatusCode:
-      return true;
-    case TQ_OUT_OF_RANGE:
-      return odd_step_;
-    default:
-      return server_.sent_anything() && code < 0 && code >= -999999;
-  }
-}
-
-void Application::check_end() const {
-  require(!server_.connected() && g_heap.num_live == 0);
-  if (superseded_) require(num_results_ == 0);
-  if (cancelled_ && accepting_) require(num_results_ == 0);
-  if (!cancelled()) require(num_results_ == 1);
-  if (num_monitors_ == 1) require(num_results_ == 1 && monitored_code_ == code_);
-  if (num_results_ == 1 && faithful_ && heap_is_whole() && server_.all_good()) require(code_ == TQ_OK);
-}
 
 }  // namespace
 

@@ -38,10 +38,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const View content = choices.content();
   if (content.size() > 2000) return 0;
 
-  Bytes before(7, 0xFF);
-  before.push_back(count);
-  Bytes after(before);
-  if (++after[7] == 0) after.assign(8, 0);
+  const Bytes before = Bytes(7, 0xFF) + Bytes{count};
+  const Bytes after = next_counter(before);
   const uint8_t* const enc = work_key();
   const uint8_t* const mac = work_key() + 16;
   const Chip chip(enc, mac, before.data());
@@ -49,8 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Bytes blocks(content.begin(), content.end());
   if (mode == kData) blocks = padded(content);
   if (mode == kBlocks) blocks.resize(blocks.size() / kBlock * kBlock + kBlock);
-  Bytes given = mode >= kBlocks ? chip.cryptogram(blocks) : blocks;
-  if (mode >= kBlocks) append(given, Bytes{0x99, 0x02, 0x90, 0x00});
+  Bytes given = mode >= kBlocks ? chip.cryptogram(blocks) + element(0x99, kSuccess) : blocks;
   if (mode != kAsItIs) given = with_mac(chip, given);
 
   Block ssc{View(before)};

@@ -26,9 +26,9 @@ function frame(command, type, parameter, payload, header = '70') {
   return bytes(header, body, sum(body));
 }
 
-function secret(key, command, data, timing = '') {
+function secret(key, command, data) {
   const body = bytes(be16(data.length + 10), command, data);
-  return frame(command, 'AA', 7, seal(key, bytes('FFFFFF', body, sum(body), 'FEFE', timing)));
+  return frame(command, 'AA', 7, seal(key, bytes('FFFFFF', body, sum(body), 'FEFE')));
 }
 
 const be32 = (value) => bytes(be16(Math.floor(value / 65536)), be16(value % 65536));
@@ -65,10 +65,10 @@ export class Client {
 
   #settle(data) {
     if (data) this.#received = bytes(this.#received, data);
-    const long = this.#received[0] === 0x72 && this.#received.subarray(5, 6).equals(bytes('72')) && this.#received[6] < 3;
-    const whole = () => this.#received.length >= (long ? this.#received.readUInt32BE(1) : this.#received.readUInt16BE(1));
-    if (data && !(this.#received.length >= 7 && whole())) return;
-    this.#waiting.shift()?.(data ? this.#received : null);
+    const all = this.#received;
+    const long = all[0] === 0x72 && all[5] === 0x72 && all[6] < 3;
+    if (data && (all.length < 7 || all.length < (long ? all.readUInt32BE(1) : all.readUInt16BE(1)))) return;
+    this.#waiting.shift()?.(data ? all : null);
     this.#received = Buffer.alloc(0);
   }
 
@@ -94,24 +94,12 @@ export class Client {
     return frame('7500', 'A8', sealed.length + 28, body, this.header);
   }
 
-  /** Takes the session's key, business id and timing switch from the answer to `authentication`. */
-  accept(answer, opaque = 0) {
-    const block = open(this.key, answer.subarray(11 + opaque, -1));
+  /** Takes the session's key and business id from the answer to `authentication`. */
+  accept(answer) {
+    const block = open(this.key, answer.subarray(11, -1));
     this.key = bytes(block.subarray(2, 18), this.key.subarray(16));
     const end = 20 + block[19];
-    return { businessId: block.toString('utf8', 20, end), stickCardId: block.toString('hex', end, end + 16),
-      timing: block[end + 16] >> 4, whole: block.readUInt16BE(0) === block.length };
-  }
-
-  /** Data of the secret frame in an answer. */
-  secretOf(answer) {
-    return open(this.key, answer.subarray(11, -1)).subarray(7, -3);
-  }
-
-  /** Flag byte and data of a result answer. */
-  resultOf(answer) {
-    const payload = answer.subarray(11, -1);
-    return { flag: payload[0], data: payload[0] === 1 ? open(this.key, payload.subarray(1)) : payload.subarray(1) };
+    return { businessId: block.toString('utf8', 20, end), stickCardId: block.toString('hex', end, end + 16) };
   }
 
   first({ byteB = '11' } = {}) {
@@ -123,22 +111,6 @@ export class Client {
 
   relay(command, data) {
     return secret(this.key, command, bytes(data, '9000'));
-  }
-
-  #files() {
-    return bytes(this.card.managementData, '6011', this.card.file6011, '6012', this.card.file6012);
-  }
-
-  decodeShort() {
-    return secret(this.key, '6002', this.#files());
-  }
-
-  decodeFull(timing = '00000000') {
-    return secret(this.key, '6102', bytes(this.#files(), 'FF'.repeat(64)), timing);
-  }
-
-  decodeLast(timing = '00000000') {
-    return secret(this.key, '6113', bytes(this.card.file6013, 'FF'.repeat(64)), timing);
   }
 
   /** 0x7201: the same opening as 0x5001. */

@@ -10,54 +10,47 @@ const kOpening = ['050000', '1D0000000000080108', '00A40000026002', '80B0000020'
 
 /** A wrong command after the opening: status and the difference in words. */
 const kWrong = [
-  { command: '00A40000026011', serial: 7, answer: '9000', says: /^SELECT 6011: .* expected INTERNAL AUTHENTICATE/ },
-  { command: '80B0000120', serial: 3, answer: '6700', says: /^READ 6002: / },
-  { command: '80B0002020', serial: 3, answer: '6b00', says: /^READ 6002: / },
-  { command: '008200520AF0010000000000000000', serial: 6, answer: '6985', says: /^EXTERNAL AUTHENTICATE: / },
-  { command: '00C0000000', serial: 4, answer: '6d00', says: /expected a command that the card knows/ },
-  { command: '008800520AF0000000000000000000', serial: 5, says: /: serial number is 5, expected 4$/ },
+  ['00A40000026011', 7, /^9000$/, /^SELECT 6011: .* expected INTERNAL AUTHENTICATE/],
+  ['80B0000120', 3, /^6700$/, /^READ 6002: /],
+  ['80B0002020', 3, /^6b00$/, /^READ 6002: /],
+  ['008200520AF0010000000000000000', 6, /^6985$/, /^EXTERNAL AUTHENTICATE: /],
+  ['00C0000000', 4, /^6d00$/, /expected a command that the card knows/],
+  ['008800520AF0000000000000000000', 5, /^.{16}9000$/, /: serial number is 5, expected 4$/],
 ];
-for (const { command, serial, answer, says } of kWrong) {
+for (const [command, serial, answer, says] of kWrong) {
   test(`a card refuses or reports ${command} with serial number ${serial}`, () => {
     const card = new IdentityCard();
     kOpening.forEach((text, i) => card.respond(bytes(text), i));
     assert.deepEqual(card.differences, []);
-    const got = card.respond(bytes(command), serial).answer.toString('hex');
-    if (answer) assert.equal(got, answer);
+    assert.match(card.respond(bytes(command), serial).answer.toString('hex'), answer);
     assert.ok(card.differences.some(({ message }) => says.test(message)), card.differences.map(String).join('; '));
+    card.respond(bytes('00A40000026011'));
+    assert.equal(card.respond(bytes('80B00000D4')).answer.toString('hex'), '6982', 'files need EXTERNAL AUTHENTICATE');
   });
 }
 
-test('files need EXTERNAL AUTHENTICATE', () => {
-  const card = new IdentityCard();
-  kOpening.forEach((text, i) => card.respond(bytes(text), i));
-  card.respond(bytes('00A40000026011'));
-  assert.equal(card.respond(bytes('80B00000D4')).answer.toString('hex'), '6982');
-});
-
 /** What reaches the reader for SELECT 6002, as "data serial status". */
 const kDeliveries = [
-  { rule: { do: 'silence' }, gets: [] },
-  { rule: { do: 'status' }, gets: ['9000 2 -1'] },
-  { rule: { do: 'answer', data: '6A82' }, gets: ['6a82 2 0'] },
-  { rule: { do: 'empty' }, gets: [' 2 0'] },
-  { rule: { do: 'wrongSerial', serial: 13 }, gets: ['9000 13 0'] },
-  { rule: { do: 'repeat' }, gets: ['9000 2 0', '9000 2 0'] },
-  { rule: { do: 'trailingZero' }, gets: ['900000 2 0'] },
-  { rule: { do: 'extraAnswer', serial: 4, data: '00' }, gets: ['9000 2 0', '00 4 0'] },
-  { rule: { do: 'oversize', size: 4 }, gets: ['00009000 2 0'] },
-  { rule: { do: 'answer', data: '00', nth: 2 }, gets: ['9000 2 0'] },
+  [{ do: 'silence' }],
+  [{ do: 'status' }, '9000 2 -1'],
+  [{ do: 'answer', data: '6A82' }, '6a82 2 0'],
+  [{ do: 'empty' }, ' 2 0'],
+  [{ do: 'wrongSerial', serial: 13 }, '9000 13 0'],
+  [{ do: 'repeat' }, '9000 2 0', '9000 2 0'],
+  [{ do: 'trailingZero' }, '900000 2 0'],
+  [{ do: 'extraAnswer', serial: 4, data: '00' }, '9000 2 0', '00 4 0'],
+  [{ do: 'oversize', size: 4 }, '00009000 2 0'],
+  [{ do: 'answer', data: '00', nth: 2 }, '9000 2 0'],
 ];
-for (const { rule, gets } of kDeliveries) {
+for (const [rule, ...gets] of kDeliveries) {
   test(`link: ${JSON.stringify(rule)}`, async () => {
     const card = new IdentityCard();
     kOpening.slice(0, 2).forEach((text, i) => card.respond(bytes(text), i));
     const link = new CardLink(card, { rules: [{ on: 'SELECT 6002', ...rule }] });
     const got = [];
-    const { done } = link.transmit(bytes('00A40000026002'), 2, ({ data, serial, status }) => {
+    await link.transmit(bytes('00A40000026002'), 2, ({ data, serial, status }) => {
       got.push(`${data.toString('hex')} ${serial} ${status}`);
-    });
-    await done;
+    }).done;
     assert.deepEqual(got, gets);
   });
 }

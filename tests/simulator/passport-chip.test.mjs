@@ -1,12 +1,11 @@
 // The simulated passport chip against a reader that shares no code with it.
 
 import assert from 'node:assert/strict';
-import { constants, publicDecrypt } from 'node:crypto';
 import { test } from 'node:test';
 import { CardLink } from '../../simulator/lib/card-link.mjs';
 import { PASSPORT_PACE, PassportChip } from '../../simulator/lib/passport/chip.mjs';
 import { issuePassport } from '../../simulator/lib/passport/specimen.mjs';
-import { PassportReader, bytes, hex, sha1 } from './passport-reader.mjs';
+import { PassportReader, bytes, hex } from './passport-reader.mjs';
 
 const COM = 0x011e;
 const DG1 = 0x0101;
@@ -17,49 +16,6 @@ function setUp({ persona, passport = issuePassport({ persona }), settings, ...op
   const chip = new PassportChip(passport, settings);
   return { chip, passport, reader: new PassportReader(chip, { document: passport, ...options }) };
 }
-
-/** ICAO Doc 9303-11 section 6.1: what the signature recovers must hold the hash over itself and the challenge. */
-function checkSignature(signature, challenge, key) {
-  const block = publicDecrypt({ key, padding: constants.RSA_NO_PADDING }, signature);
-  assert.equal(block[0], 0x6a);
-  assert.equal(block.at(-1), 0xbc);
-  const message = block.subarray(1, -21);
-  assert.deepEqual(block.subarray(-21, -1), sha1(Buffer.concat([message, challenge])));
-}
-
-/** Personas that can be read to their end: what is refused, and with which status. */
-const kReadable = [
-  ['usual'], ['eightCharacters'], ['nineCharacters'], ['twelveCharacters'], ['twentyCharacters'], ['comLongLengths'],
-  ['withoutDg15'], ['dg15Missing', { 0x010f: '6A82' }], ['dg3Refused', { 0x0103: '6982' }], ['onlyMandatory'],
-  ['allGroups'], ['otherOrder'],
-];
-for (const [persona, refused = {}] of kReadable) {
-  for (const readMode of [1, 2]) {
-    test(`a whole read of "${persona}", mode ${readMode}`, () => {
-      const { chip, passport, reader } = setUp({ persona, readMode, settings: { readMode } });
-      assert.equal(reader.open(), '9000');
-      assert.ok(reader.answerMacFits && reader.halvesFit[0] && reader.halvesFit[1]);
-      const { files, signature } = reader.readAll(passport.dataGroups);
-      for (const [id, content] of files) assert.deepEqual(content, refused[id] ?? passport.files.get(id), `file ${id}`);
-      const signs = passport.dataGroups.includes(15);
-      assert.equal(signature?.status, signs ? (refused[0x010f] ? '6A88' : '9000') : undefined);
-      if (signature?.data) checkSignature(signature.data, reader.challenge, passport.aaPublicKey);
-      assert.deepEqual(words(chip), []);
-      assert.ok(reader.log.every(({ answer }) => answer.length / 2 <= 256));
-    });
-  }
-}
-
-test('without a known mode the chip accepts both ways of reading', () => {
-  for (const readMode of [1, 2]) {
-    for (const persona of ['usual', 'withoutDg15', 'otherOrder']) {
-      const { chip, passport, reader } = setUp({ persona, readMode });
-      reader.open();
-      reader.readAll(passport.dataGroups);
-      assert.deepEqual(words(chip), [], `${persona}, mode ${readMode}`);
-    }
-  }
-});
 
 // ICAO Doc 9303-11 Appendix D (D.3 Basic Access Control, D.4 secure messaging)
 test('the published worked example', () => {
@@ -99,15 +55,6 @@ test('an authentication for an earlier challenge is refused', () => {
   reader.send(bytes('0084000008'), 1);
   assert.equal(reader.send(bytes(command), 2).status, '6300');
   assert.match(words(chip)[0], /^EXTERNAL AUTHENTICATE: RND.IC is /);
-});
-
-test('the counter wraps', () => {
-  const { chip, reader } = setUp({ settings: { rndIc: '00000000FFFFFFFF' }, rndIfd: bytes('00000000FFFFFFFE') });
-  reader.open();
-  assert.equal(chip.counter, 0xfffffffffffffffen);
-  assert.equal(reader.file(COM, 3).length, 25);
-  assert.equal(chip.counter, 4n);
-  assert.deepEqual(words(chip), []);
 });
 
 /** Plain commands: those before, the command, its status and what is reported. */
@@ -253,114 +200,36 @@ for (const [what, act, says] of kOrders) {
 const kFaults = [
   [{ do: 'statusWord', status: '6982' }, '6982', true],
   [{ do: 'statusWord', status: '6982', counted: true }, '6982', false],
-  [{ do: 'statusWord', status: '6A86', protected: true }, '6A86', false],
+  [{ do: 'statusWord', status: '6A86', protected: true }, '6A86', false, /^99026A868E08.{16}6A86$/],
   [{ do: 'statusWord', status: '6A86', protected: true, counted: false }, '6A86', true],
-  [{ do: 'statusWord', status: '6C10' }, '6C10', true],
   [{ do: 'loseSession' }, '6988', 'lost'],
   [{ do: 'wrongMac' }, 'wrong MAC', true],
   [{ do: 'skipCounter', by: 2 }, 'wrong MAC', false],
   [{ do: 'noMac' }, 'no MAC', false],
-  [{ do: 'noStatusObject' }, '60175F01', true],
-  [{ do: 'innerStatus', status: '6A82' }, '60175F01', true],
+  [{ do: 'noStatusObject' }, '60175F01', true, /^870901.{16}8E08/],
+  [{ do: 'innerStatus', status: '6A82' }, '60175F01', true, /99026A828E08.{16}9000$/],
   [{ do: 'noData' }, '', true],
   [{ do: 'shortData', count: 3 }, '60175F', true],
   [{ do: 'longData', count: 9 }, '60175F015A5A5A5A5A', true],
   [{ do: 'plainData', data: '6183' }, '6183', true],
   [{ do: 'badPadding', tail: '0102' }, '60175F0101020000', true],
   [{ do: 'badPadding', tail: '00' }, '60175F0100000000', true],
-  [{ do: 'lengthForm', form: '81' }, '60175F01', true],
-  [{ do: 'lengthForm', form: '82' }, '60175F01', true],
+  [{ do: 'lengthForm', form: '81' }, '60175F01', true, /^878109/],
+  [{ do: 'lengthForm', form: '82' }, '60175F01', true, /^87820009/],
 ];
-for (const [rule, gets, inStep] of kFaults) {
+for (const [rule, gets, inStep, looks = /./] of kFaults) {
   test(`chip: ${JSON.stringify(rule)}`, () => {
     const { chip, reader } = setUp({ settings: { rules: [{ on: 'READ EF.COM', nth: 1, ...rule }] } });
     reader.open();
     reader.select(COM, 3);
-    const { log } = reader;
-    const attempt = () => {
-      const got = reader.readBinary(0, 4, 4);
-      if (got.status !== '9000') return got.status;
-      return hex(rule.do === 'badPadding' ? got.plain : got.data);
-    };
-    let got;
-    try {
-      got = attempt();
-    } catch ({ message }) {
-      got = message;
-    }
-    assert.equal(got, gets);
-    if (rule.protected) assert.match(log.at(-1).answer, /^99026A868E08.{16}6A86$/);
-    if (rule.do === 'innerStatus') assert.match(log.at(-1).answer, /99026A828E08.{16}9000$/);
-    if (rule.do === 'noStatusObject') assert.match(log.at(-1).answer, /^870901.{16}8E08/);
-    if (rule.do === 'lengthForm') assert.match(log.at(-1).answer, rule.form === '81' ? /^878109/ : /^87820009/);
+    const { status, data, plain, wrong } = reader.readBinary(0, 4, 4);
+    assert.equal(wrong ?? (status === '9000' ? hex(rule.do === 'badPadding' ? plain : data) : status), gets);
+    assert.match(reader.log.at(-1).answer, looks);
     if (inStep === 'lost') assert.equal(chip.counter, undefined);
     else assert.equal(chip.counter === reader.counter, inStep);
     assert.deepEqual(words(chip), []);
   });
 }
-
-/** Misbehaviour in the answer to EXTERNAL AUTHENTICATE: whether RND.IC, RND.IFD and the MAC fit. */
-const kMutual = [
-  ['wrongRndIc', [false, true, true]], ['wrongRndIfd', [true, false, true]], ['wrongMac', [true, true, false]],
-];
-for (const [action, fits] of kMutual) {
-  test(`EXTERNAL AUTHENTICATE: ${action}`, () => {
-    const { chip, reader } = setUp({ settings: { rules: [{ on: 'EXTERNAL AUTHENTICATE', do: action }] } });
-    reader.open();
-    assert.deepEqual([...reader.halvesFit, reader.answerMacFits], fits);
-    if (action === 'wrongMac') assert.equal(reader.file(COM, 3).length, 25);
-    assert.deepEqual(words(chip), []);
-  });
-}
-
-/** Personas that break off: what the reader finds in the documented order. */
-const kBroken = [
-  ['withoutCom', (r) => r.select(COM, 3), '6A82'],
-  ['comUnreadable', (r) => r.file(COM, 3), '6982'],
-  ['sodMissing', (r) => [r.file(COM, 3), r.select(0x011d, 5)][1], '6A82'],
-  ['dg1Refused', (r, p) => r.readAll(p.dataGroups).files.get(DG1), '6982', 1],
-  ['dg3Unreadable', (r, p) => r.readAll(p.dataGroups).files.get(0x0103), '6982', 1],
-];
-for (const [persona, act, status, differences = 0] of kBroken) {
-  test(`persona "${persona}": ${status}`, () => {
-    const { chip, passport, reader } = setUp({ persona });
-    reader.open();
-    assert.equal(act(reader, passport), status);
-    // where one is expected, the reader should have stopped
-    assert.equal(Math.min(1, words(chip).length), differences, words(chip).join('; '));
-  });
-}
-
-test('an unreadable EF.COM: EF.SOD is selected with an expected length, and lists the groups', () => {
-  const { chip, reader } = setUp({ persona: 'comUnreadable' });
-  reader.open();
-  reader.file(COM, 3);
-  assert.equal(reader.command('00A4020C', bytes('011D'), 0x1d, 5).status, '9000');
-  reader.readBinary(0, 4, 6);
-  assert.deepEqual(words(chip), []);
-});
-
-const kOddLists = ['comEmpty', 'comMalformed', 'comStrangeTags', 'sodLengths81', 'sodLengths82', 'sodTwoByteTags'];
-for (const persona of kOddLists) {
-  test(`the watch follows "${persona}"`, () => {
-    const { chip, passport, reader } = setUp({ persona });
-    reader.open();
-    const listed = persona === 'comStrangeTags' ? [1, 2, 11, 15] : passport.dataGroups;
-    const { files } = reader.readAll(listed);
-    assert.equal(files.size, 2 + listed.length);
-    for (const [id, content] of files) assert.deepEqual(content, passport.files.get(id), `file ${id}`);
-    assert.deepEqual(words(chip), []);
-  });
-}
-
-test('protected refusals leave a reader that does not count them behind', () => {
-  const { chip, passport, reader } = setUp({ persona: 'protectedRefusals' });
-  reader.open();
-  const { files } = reader.readAll(passport.dataGroups);
-  assert.equal(files.get(0x0103), '6982');
-  assert.equal(files.get(0x010e), '6988');
-  assert.deepEqual(words(chip), []);
-});
 
 test('the link carries the chip\'s rules to it, spoils answers itself and keeps the pace', async () => {
   const chip = new PassportChip();

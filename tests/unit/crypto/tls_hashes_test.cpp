@@ -119,8 +119,9 @@ void feed_in_pieces(Function& function, Expected expected) {
   for (size_t length = 0; length <= 300; ++length) {
     const Bytes data = test::random_bytes(generator, length);
     for (size_t at = 0; at < length;) {
-      const Bytes piece =
-          test::exact_copy(data.data() + at, std::min<size_t>(generator() % 150, length - at));
+      const auto first = data.begin() + static_cast<ptrdiff_t>(at);
+      const Bytes piece(first,
+                        first + static_cast<ptrdiff_t>(std::min<size_t>(generator() % 150, length - at)));
       function.update(piece);
       at += piece.size();
     }

@@ -8,15 +8,6 @@
 
 namespace test {
 
-inline Bytes operator+(Bytes left, const Bytes& right) {
-  left.insert(left.end(), right.begin(), right.end());
-  return left;
-}
-
-inline Bytes slice(const Bytes& bytes, size_t from, size_t to) {
-  return Bytes(bytes.begin() + static_cast<ptrdiff_t>(from), bytes.begin() + static_cast<ptrdiff_t>(to));
-}
-
 inline Bytes padded(Bytes bytes) {
   bytes.push_back(0x80);
   while (bytes.size() % 8 != 0) bytes.push_back(0);
@@ -46,12 +37,7 @@ class Chip {
  public:
   Chip(Bytes enc, Bytes mac, uint64_t ssc) : enc_(std::move(enc)), mac_(std::move(mac)), ssc_(ssc) {}
 
-  static Bytes counter(uint64_t value) {
-    Bytes bytes;
-    for (int shift = 56; shift >= 0; shift -= 8) bytes.push_back(static_cast<uint8_t>(value >> shift));
-    return bytes;
-  }
-  Bytes ssc() const { return counter(ssc_); }
+  Bytes ssc() const { return be(ssc_, 8); }
 
   // The protected form of these objects.
   Bytes answer(const Bytes& objects) {
@@ -61,21 +47,20 @@ class Chip {
   // `form` is how many length bytes follow the first, 0 to 2.
   Bytes cryptogram(const Bytes& content, size_t form) const {
     const size_t len = content.size() + 1;
-    Bytes object = {0x87};
-    if (form > 0) object.push_back(static_cast<uint8_t>(0x80 + form));
-    if (form > 1) object.push_back(static_cast<uint8_t>(len >> 8));
-    object.push_back(static_cast<uint8_t>(len));
-    object.push_back(1);
-    return object + two_key_cbc(true, enc_, content);
+    const Bytes length = form == 0 ? be(len, 1) : Bytes{static_cast<uint8_t>(0x80 + form)} + be(len, form);
+    return Bytes{0x87} + length + Bytes{1} + two_key_cbc(true, enc_, content);
   }
-  static size_t shortest_form(size_t len) { return len < 0x80 ? 0 : len < 0x100 ? 1 : 2; }
+  // The same with padding and the shortest form.
+  Bytes padded_cryptogram(const Bytes& data) const {
+    const Bytes content = padded(data);
+    return cryptogram(content, content.size() < 0x7F ? 0 : content.size() < 0xFF ? 1 : 2);
+  }
 
   // Opens a command that has to be exactly as long as `data` and Le (none when negative) make it.
   // False for any other byte.
   bool accepts(const Bytes& command, const Bytes& header, const Bytes& data, int le) {
     ++ssc_;
-    Bytes objects;
-    if (!data.empty()) objects = cryptogram(padded(data), shortest_form(padded(data).size() + 1));
+    Bytes objects = data.empty() ? Bytes{} : padded_cryptogram(data);
     if (le >= 0) objects = objects + Bytes{0x97, 1, static_cast<uint8_t>(le)};
     const Bytes mac = retail_mac(mac_, padded(ssc() + padded(header) + objects));
     return command == header + Bytes{static_cast<uint8_t>(objects.size() + 10)} + objects + Bytes{0x8E, 8} +

@@ -19,13 +19,4 @@ inline Bytes der(int identifier, const Bytes& content) {
   return element;
 }
 
-// What an i2d_ function makes of an object.
-template <typename Object>
-Bytes encoded(int (*write)(const Object*, uint8_t**), const Object* object) {
-  Bytes bytes(static_cast<size_t>(std::max(write(object, nullptr), 0)));
-  uint8_t* at = bytes.data();
-  write(object, &at);
-  return bytes;
-}
-
 }  // namespace test

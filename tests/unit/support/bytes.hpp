@@ -1,6 +1,7 @@
 // Byte strings of the tests.
 #pragma once
 
+#include <charconv>
 #include <cstdint>
 #include <random>
 #include <string>
@@ -30,20 +31,14 @@ std::string hex(const Container& bytes) {
 // Blanks between the digits are allowed; anything else that is no digit ends the bytes, so that a comparison
 // fails.
 inline Bytes from_hex(std::string_view text) {
+  std::string digits(text);
+  std::erase(digits, ' ');
   Bytes bytes;
-  int high = -1;
-  for (const char c : text) {
-    if (c == ' ') continue;
-    const bool is_digit = c >= '0' && c <= '9';
-    const bool is_letter = (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
-    if (!is_digit && !is_letter) break;
-    const int value = is_digit ? c - '0' : (c | 0x20) - 'a' + 10;
-    if (high < 0) {
-      high = value;
-    } else {
-      bytes.push_back(static_cast<uint8_t>(high << 4 | value));
-      high = -1;
-    }
+  uint8_t value = 0;
+  for (size_t i = 0; i + 1 < digits.size(); i += 2) {
+    const char* const pair = &digits[i];
+    if (std::from_chars(pair, pair + 2, value, 16).ptr != pair + 2) break;
+    bytes.push_back(value);
   }
   return bytes;
 }
@@ -52,12 +47,33 @@ inline Bytes from_text(std::string_view text) {
   return {text.begin(), text.end()};
 }
 
-// A heap block of exactly these `n` bytes: the address sanitizer sees a read one byte too far.
-inline Bytes exact_copy(const uint8_t* data, size_t n) {
-  return Bytes(data, data + n);
+inline Bytes operator+(Bytes left, const Bytes& right) {
+  left.insert(left.end(), right.begin(), right.end());
+  return left;
 }
+
+inline Bytes slice(const Bytes& bytes, size_t from, size_t to) {
+  return Bytes(bytes.begin() + static_cast<ptrdiff_t>(from), bytes.begin() + static_cast<ptrdiff_t>(to));
+}
+
+inline Bytes be(uint64_t value, size_t width) {
+  Bytes bytes(width);
+  for (size_t i = 0; i < width; ++i) bytes[i] = static_cast<uint8_t>(value >> (8 * (width - 1 - i)));
+  return bytes;
+}
+
+inline uint32_t len(const Bytes& bytes) {
+  return static_cast<uint32_t>(bytes.size());
+}
+
+// A result as text: the bytes written, or the code.
+inline std::string text_of(int32_t rc, const Bytes& out) {
+  return rc < 0 ? std::to_string(rc) : hex(out.data(), static_cast<size_t>(rc));
+}
+
+// A heap block of exactly these `n` bytes: the address sanitizer sees a read one byte too far.
 inline Bytes exact_copy(const Bytes& bytes, size_t n) {
-  return exact_copy(bytes.data(), n);
+  return slice(bytes, 0, n);
 }
 
 // The same of a text, with its NUL.

@@ -46,6 +46,14 @@ inline Bytes openssl_hmac(const EVP_MD* md, const Bytes& key, const Bytes& data)
   return mac;
 }
 
+// The vector that belongs to an SM4 key: both halves of the key's SM3 digest, folded.
+inline Bytes folded_vector(const Bytes& key) {
+  Bytes digest = openssl_digest(EVP_sm3(), key);
+  for (size_t i = 0; i < 16; ++i) digest[i] ^= digest[i + 16];
+  digest.resize(16);
+  return digest;
+}
+
 // Whole blocks, no padding. An empty `iv` is for ECB.
 inline Bytes openssl_cipher(const EVP_CIPHER* cipher, bool encrypt, const Bytes& key, const Bytes& iv,
                             const Bytes& data) {

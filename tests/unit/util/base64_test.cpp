@@ -4,15 +4,12 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
-#include <random>
-#include <string>
-#include <string_view>
 
 #include "support/bytes.hpp"
 
 namespace {
 
-using test::Bytes;
+using namespace test;
 
 struct Base64Set {
   decltype(&BASE64encode) encode;
@@ -24,69 +21,59 @@ class Base64 : public testing::TestWithParam<Base64Set> {
   // The characters written into a heap block of exactly `capacity`.
   static std::string encode(const Bytes& plain, int32_t capacity) {
     std::vector<char> room(static_cast<size_t>(std::max(capacity, 0)));
-    const int32_t len =
+    const int32_t n =
         GetParam().encode(plain.data(), static_cast<int32_t>(plain.size()), room.data(), capacity);
-    return {room.data(), static_cast<size_t>(len)};
+    return {room.data(), static_cast<size_t>(n)};
   }
 
   static std::string decode(std::string_view text, int32_t n, int32_t capacity) {
     Bytes room(static_cast<size_t>(std::max(capacity, 0)));
-    const int32_t len = GetParam().decode(test::exact_text(text).data(), n, room.data(), capacity);
-    return test::hex(room.data(), static_cast<size_t>(len));
+    const int32_t written = GetParam().decode(exact_text(text).data(), n, room.data(), capacity);
+    return hex(room.data(), static_cast<size_t>(written));
   }
 };
 INSTANTIATE_TEST_SUITE_P(BothNames, Base64,
                          testing::Values(Base64Set{BASE64encode, BASE64decode},
                                          Base64Set{scpBASE64encode, scpBASE64decode}));
 
-TEST_P(Base64, PublishedVectors) {
-  const std::pair<const char*, std::string_view> vectors[] = {// RFC 4648 section 10
-                                                              {"", ""},
-                                                              {"f", "Zg=="},
-                                                              {"fo", "Zm8="},
-                                                              {"foo", "Zm9v"},
-                                                              {"foob", "Zm9vYg=="},
-                                                              {"fooba", "Zm9vYmE="},
-                                                              {"foobar", "Zm9vYmFy"}};
-  for (const auto& [text, encoded] : vectors) {
-    const Bytes plain = test::from_text(text);
-    EXPECT_EQ(encode(plain, 12), encoded);
-    EXPECT_EQ(decode(encoded, static_cast<int32_t>(encoded.size()), 6), test::hex(plain));
+TEST_P(Base64, PublishedVectors) {  // RFC 4648 section 10
+  const std::string_view vectors[] = {"", "Zg==", "Zm8=", "Zm9v", "Zm9vYg==", "Zm9vYmE=", "Zm9vYmFy"};
+  for (size_t n = 0; n < std::size(vectors); ++n) {
+    const Bytes plain = exact_copy(from_text("foobar"), n);
+    EXPECT_EQ(encode(plain, 12), vectors[n]);
+    EXPECT_EQ(decode(vectors[n], static_cast<int32_t>(vectors[n].size()), 6), hex(plain));
   }
 }
 
 TEST_P(Base64, AgreesWithOpenSsl) {
   std::mt19937 generator(2);
   for (size_t n = 1; n <= 300; ++n) {
-    const Bytes bytes = test::random_bytes(generator, n);
+    const Bytes bytes = random_bytes(generator, n);
     Bytes expected(4 * ((n + 2) / 3) + 1);
-    const int len = EVP_EncodeBlock(expected.data(), bytes.data(), static_cast<int>(n));
-    const std::string text(expected.begin(), expected.begin() + len);
-    ASSERT_EQ(encode(bytes, len + 4), text);
-    ASSERT_EQ(decode(text, len, static_cast<int32_t>(n)), test::hex(bytes));
+    const int length = EVP_EncodeBlock(expected.data(), bytes.data(), static_cast<int>(n));
+    const std::string text(expected.begin(), expected.begin() + length);
+    ASSERT_EQ(encode(bytes, length + 4), text);
+    ASSERT_EQ(decode(text, length, static_cast<int32_t>(n)), hex(bytes));
   }
 }
 
 TEST_P(Base64, EncoderStopsWhereTheNextGroupMightNotFit) {
-  struct Case {
+  const struct {
     size_t num_zeros;
     int32_t capacity;
     const char* text;
-  };
-  const Case cases[] = {{1, 16, "AA=="},    {1, 8, "AA=="},     {1, 7, "AAAA"},      {1, 4, "AAAA"},
-                        {1, 3, ""},         {1, -1, ""},        {0, 16, ""},         {3, 4, "AAAA"},
-                        {4, 7, "AAAA"},     {4, 8, "AAAAAAAA"}, {4, 12, "AAAAAA=="}, {4, 11, "AAAAAAAA"},
-                        {5, 12, "AAAAAAA="}};
+  } cases[] = {{1, 8, "AA=="},      {1, 7, "AAAA"},     {1, 4, "AAAA"},     {1, 3, ""},
+               {1, -1, ""},         {4, 7, "AAAA"},     {4, 8, "AAAAAAAA"}, {4, 12, "AAAAAA=="},
+               {4, 11, "AAAAAAAA"}, {5, 12, "AAAAAAA="}};
   for (const auto& c : cases) EXPECT_EQ(encode(Bytes(c.num_zeros), c.capacity), c.text) << c.capacity;
 }
 
 TEST_P(Base64, DecoderBearsAnything) {
-  struct Case {
+  const struct {
     std::string_view text;
     int32_t n;
-    const char* bytes;
-  };
-  const Case cases[] = {
+    std::string_view bytes;
+  } cases[] = {
       {"QQ==QUJD", 8, "41"},  // a '=' in its place ends the text
       {"QUI=QUJD", 8, "4142"},
       {"=QUJ", 4, "010509"},  // elsewhere '=' counts as zero
@@ -96,15 +83,12 @@ TEST_P(Base64, DecoderBearsAnything) {
       {"QUJDRA", 6, "41424344ffff"},  // NULs, read or not, are all ones
       {"QUJDRA", 5, "41424344ffff"},  // a group is read whole, beyond the length too
       {{"QU\0DQUJD", 8}, 8, "41ffc3414243"},
-      {"QUJDR", 5, "414243ffffff"},
-      {"QUJDRUY", 7, "4142434546ff"},
       {"QUJDR", 6, "414243ffffff"},  // a NUL within the length is the last thing read, too
   };
   for (const auto& c : cases) {
-    const std::string_view bytes = c.bytes;
     for (int32_t capacity = -1; capacity <= 8; ++capacity) {  // never written beyond
       EXPECT_EQ(decode(c.text, c.n, capacity),
-                bytes.substr(0, 2 * static_cast<size_t>(std::max(capacity, 0))))
+                c.bytes.substr(0, 2 * static_cast<size_t>(std::max(capacity, 0))))
           << c.text << " " << c.n << " into " << capacity;
     }
   }
