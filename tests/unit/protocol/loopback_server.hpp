@@ -85,8 +85,7 @@ class LoopbackServer {
     if (listening) start();
   }
   ~LoopbackServer() {
-    shutdown(fd_, SHUT_RDWR);
-    if (thread_.joinable()) thread_.join();
+    finish();
     close(fd_);
   }
   LoopbackServer(const LoopbackServer&) = delete;
@@ -101,6 +100,12 @@ class LoopbackServer {
         close(fd);
       }
     });
+  }
+
+  // Accepts no more, and waits until the client that is being served has gone.
+  void finish() {
+    shutdown(fd_, SHUT_RDWR);
+    if (thread_.joinable()) thread_.join();
   }
 
   uint16_t port() const { return port_; }
