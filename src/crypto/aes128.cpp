@@ -4,6 +4,7 @@
 #include <bit>
 
 #include "crypto/aes_tables.hpp"
+#include "crypto/block_modes.hpp"
 #include "util/endian.hpp"
 #include "util/secret.hpp"
 
@@ -12,20 +13,8 @@ namespace {
 
 constexpr size_t kNumColumns = 4;
 
-using Block = std::array<uint32_t, kNumColumns>;  // the state: columns as big-endian words
+using Block = WordBlock;  // the state: columns
 using Schedule = Aes128::Schedule;
-
-Block load_block(const uint8_t* in) {
-  return {load_be32(in), load_be32(in + 4), load_be32(in + 8), load_be32(in + 12)};
-}
-
-void store_block(const Block& block, uint8_t* out) {
-  for (size_t i = 0; i < kNumColumns; ++i) store_be32(block[i], out + 4 * i);
-}
-
-[[gnu::always_inline]] inline Block operator^(const Block& a, const Block& b) {
-  return {a[0] ^ b[0], a[1] ^ b[1], a[2] ^ b[2], a[3] ^ b[3]};
-}
 
 [[gnu::always_inline]] inline Block round_key(const Schedule& keys, size_t round) {
   const size_t at = kNumColumns * round;
@@ -71,13 +60,22 @@ template <size_t kShift>
   return last ^ round_key(keys, Aes128::kNumRounds);
 }
 
-Block encrypt_block(const Schedule& keys, const Block& block) {
-  return crypt_block<1>(aes::kEncryptionTable, aes::kSbox, keys, block);
-}
+struct Encryption {
+  static constexpr size_t kBlockLen = Aes128::kBlockLen;
+  static constexpr size_t kLanes = 1;
+  using Block = WordBlock;
+  static Block load(const uint8_t* in) { return load_words(in); }
+  static void store(const Block& block, uint8_t* out) { store_words(block, out); }
+  Block crypt(const Block& x) const { return crypt_block<1>(aes::kEncryptionTable, aes::kSbox, keys, x); }
 
-Block decrypt_block(const Schedule& keys, const Block& block) {
-  return crypt_block<3>(aes::kDecryptionTable, aes::kInverseSbox, keys, block);
-}
+  const Schedule& keys;
+};
+
+struct Decryption : Encryption {
+  Block crypt(const Block& x) const {
+    return crypt_block<3>(aes::kDecryptionTable, aes::kInverseSbox, keys, x);
+  }
+};
 
 uint32_t substitute_word(uint32_t word) {
   return substituted_column<0>(aes::kSbox, {word}, 0);
@@ -93,7 +91,6 @@ uint32_t unmix_column(uint32_t word) {
 // Section 5.2; the decryption schedule is the encryption schedule backwards, the inner round keys with their
 // columns unmixed.
 Aes128::Aes128(std::span<const uint8_t, kKeyLen> key) {
-  uint8_t round_constant = 1;
   for (size_t i = 0; i < encryption_.size(); ++i) {
     if (i < kNumColumns) {
       encryption_[i] = load_be32(&key[4 * i]);
@@ -101,8 +98,8 @@ Aes128::Aes128(std::span<const uint8_t, kKeyLen> key) {
     }
     uint32_t word = encryption_[i - 1];
     if (i % kNumColumns == 0) {
+      const uint8_t round_constant = aes::kRoundConstants[i / kNumColumns - 1];
       word = substitute_word(std::rotl(word, 8)) ^ uint32_t { round_constant } << 24;
-      round_constant = aes::gf_multiply(round_constant, 2);
     }
     encryption_[i] = encryption_[i - kNumColumns] ^ word;
   }
@@ -121,23 +118,17 @@ Aes128::~Aes128() {
 
 void aes128_cbc_encrypt(const Aes128& key, std::span<uint8_t, Aes128::kBlockLen> iv,
                         std::span<const uint8_t> in, std::span<uint8_t> out) {
-  Block chain = load_block(iv.data());
-  for (size_t at = 0; at + Aes128::kBlockLen <= in.size(); at += Aes128::kBlockLen) {
-    chain = encrypt_block(key.encryption(), chain ^ load_block(&in[at]));
-    store_block(chain, &out[at]);
-  }
-  store_block(chain, iv.data());
+  const size_t count = in.size() / Aes128::kBlockLen;
+  store_words(cbc_encrypt(Encryption{key.encryption()}, count, load_words(iv.data()), in.data(), out.data()),
+              iv.data());
 }
 
 void aes128_cbc_decrypt(const Aes128& key, std::span<uint8_t, Aes128::kBlockLen> iv,
                         std::span<const uint8_t> in, std::span<uint8_t> out) {
-  Block chain = load_block(iv.data());
-  for (size_t at = 0; at + Aes128::kBlockLen <= in.size(); at += Aes128::kBlockLen) {
-    const Block ciphertext = load_block(&in[at]);  // before its place is written
-    store_block(decrypt_block(key.decryption(), ciphertext) ^ chain, &out[at]);
-    chain = ciphertext;
-  }
-  store_block(chain, iv.data());
+  const size_t count = in.size() / Aes128::kBlockLen;
+  Block chain = load_words(iv.data());
+  crypt_independent(Decryption{key.decryption()}, count, &chain, in.data(), out.data());
+  store_words(chain, iv.data());
 }
 
 }  // namespace tq

@@ -7,6 +7,7 @@
 #include <span>
 #include <utility>
 
+#include "crypto/block_modes.hpp"
 #include "crypto/des_tables.hpp"
 #include "util/endian.hpp"
 #include "util/secret.hpp"
@@ -104,10 +105,6 @@ template <size_t... kPair>
   return x;
 }
 
-Halves crypt_one(RoundKeys sk, const Halves& x) {
-  return crypt_block(sk, x);
-}
-
 // The same for blocks that do not depend on each other, round by round across all of them.
 template <size_t... kLane>
 [[gnu::always_inline]] inline void crypt_lanes(RoundKeys sk, Lanes& x,
@@ -123,49 +120,36 @@ template <size_t... kLane>
   }
 }
 
-void crypt_ecb(RoundKeys sk, const uint8_t* in, uint8_t* out) {
-  store_block(crypt_one(sk, load_block(in)), out);
-}
-
 // The chaining value stays between the permutations, so that neither of them stands in the chain.
-Halves cbc_encrypt(RoundKeys sk, size_t count, Halves chain, const uint8_t* in, uint8_t* out) {
-  for (; count > 0; --count, in += kBlockLen, out += kBlockLen) {
-    chain = crypt_block(sk, chain ^ load_block(in));
-    store_block(chain, out);
+struct Des {
+  static constexpr size_t kBlockLen = ::kBlockLen;
+  static constexpr size_t kLanes = ::kLanes;
+  using Block = Halves;
+  [[gnu::always_inline]] static Block load(const uint8_t* in) { return load_block(in); }
+  [[gnu::always_inline]] static void store(const Block& block, uint8_t* out) { store_block(block, out); }
+  [[gnu::always_inline]] Block crypt(const Block& x) const { return crypt_block(sk, x); }
+  [[gnu::always_inline]] void crypt_lanes(Lanes& x) const {
+    ::crypt_lanes(sk, x, std::make_index_sequence<kLanes>());
   }
-  return chain;
-}
 
-// A ciphertext is read before its place is written: the output may be the input.
-Halves cbc_decrypt(RoundKeys sk, size_t count, Halves chain, const uint8_t* in, uint8_t* out) {
-  Lanes x{};
-  Lanes input;
-  const tq::WipeOnExit wipe_x(x);
-  while (count > 0) {
-    const size_t num_lanes = count < kLanes ? 1 : kLanes;
-    for (size_t i = 0; i < num_lanes; ++i) x[i] = input[i] = load_block(in + kBlockLen * i);
-    if (num_lanes == 1) {
-      x[0] = crypt_one(sk, x[0]);
-    } else {
-      crypt_lanes(sk, x, std::make_index_sequence<kLanes>());
-    }
-    for (size_t i = 0; i < num_lanes; ++i)
-      store_block(x[i] ^ std::exchange(chain, input[i]), out + kBlockLen * i);
-    count -= num_lanes;
-    in += num_lanes * kBlockLen;
-    out += num_lanes * kBlockLen;
-  }
-  return chain;
+  RoundKeys sk;
+};
+
+void crypt_ecb(RoundKeys sk, const uint8_t* in, uint8_t* out) {
+  tq::crypt_independent(Des{sk}, 1, nullptr, in, out);
 }
 
 int32_t crypt_cbc(RoundKeys sk, int32_t mode, int32_t length, uint8_t* iv, const uint8_t* in, uint8_t* out) {
   if (length < 0 || length % static_cast<int32_t>(kBlockLen) != 0) return kBadLength;
   if (length == 0) return 0;
   const size_t count = static_cast<size_t>(length) / kBlockLen;
-  const Halves chain = load_block(iv);
-  store_block(
-      mode == kModeEncrypt ? cbc_encrypt(sk, count, chain, in, out) : cbc_decrypt(sk, count, chain, in, out),
-      iv);
+  Halves chain = load_block(iv);
+  if (mode == kModeEncrypt) {
+    chain = tq::cbc_encrypt(Des{sk}, count, chain, in, out);
+  } else {
+    tq::crypt_independent(Des{sk}, count, &chain, in, out);
+  }
+  store_block(chain, iv);
   return 0;
 }
 

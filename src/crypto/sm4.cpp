@@ -6,8 +6,8 @@
 #include <cstddef>
 #include <utility>
 
+#include "crypto/block_modes.hpp"
 #include "crypto/sm4_tables.hpp"
-#include "util/endian.hpp"
 #include "util/secret.hpp"
 
 namespace {
@@ -18,21 +18,11 @@ constexpr size_t kLanes = 4;  // blocks worked on side by side where none waits 
 constexpr uint32_t kModeEncrypt = 1;
 constexpr uint32_t kModeDecrypt = 0;
 
-using Block = std::array<uint32_t, 4>;
+using Block = tq::WordBlock;
 using Lanes = std::array<Block, kLanes>;
 using RoundKeys = uint32_t[kNumRounds];
 
-Block load_block(const uint8_t* in) {
-  return {tq::load_be32(in), tq::load_be32(in + 4), tq::load_be32(in + 8), tq::load_be32(in + 12)};
-}
-
-void store_block(const Block& block, uint8_t* out) {
-  for (size_t i = 0; i < block.size(); ++i) tq::store_be32(block[i], out + 4 * i);
-}
-
-Block operator^(const Block& a, const Block& b) {
-  return {a[0] ^ b[0], a[1] ^ b[1], a[2] ^ b[2], a[3] ^ b[3]};
-}
+using tq::operator^;
 
 // GB/T 32907 section 6.2: T(x) = L(S(x)).
 [[gnu::always_inline]] inline uint32_t t(uint32_t x) {
@@ -75,40 +65,23 @@ template <size_t... kLane>
   ((x[kLane] = {x[kLane][3], x[kLane][2], x[kLane][1], x[kLane][0]}), ...);
 }
 
+// With a schedule for either direction.
+struct Sm4 {
+  static constexpr size_t kBlockLen = ::kBlockLen;
+  static constexpr size_t kLanes = ::kLanes;
+  using Block = ::Block;
+  static Block load(const uint8_t* in) { return tq::load_words(in); }
+  static void store(const Block& block, uint8_t* out) { tq::store_words(block, out); }
+  [[gnu::always_inline]] Block crypt(const Block& x) const { return crypt_block(rk, x); }
+  [[gnu::always_inline]] void crypt_lanes(Lanes& x) const {
+    ::crypt_lanes(rk, x, std::make_index_sequence<kLanes>());
+  }
+
+  const RoundKeys& rk;
+};
+
 size_t num_blocks(int32_t length) {
   return length < 1 ? 0 : (static_cast<size_t>(length) + kBlockLen - 1) / kBlockLen;
-}
-
-Block cbc_encrypt(const RoundKeys& rk, size_t count, Block chain, const uint8_t* in, uint8_t* out) {
-  for (; count > 0; --count, in += kBlockLen, out += kBlockLen) {
-    chain = crypt_block(rk, chain ^ load_block(in));
-    store_block(chain, out);
-  }
-  return chain;
-}
-
-// ECB either way, or CBC decryption when there is a `chain`: the ciphertext block before, which moves on.
-// A ciphertext is read before its place is written, so the output may be the input.
-void crypt_independent(const RoundKeys& rk, size_t count, Block* chain, const uint8_t* in, uint8_t* out) {
-  Lanes x{};
-  Lanes input;
-  const tq::WipeOnExit wipe_x(x);
-  while (count > 0) {
-    const size_t num_lanes = count < kLanes ? 1 : kLanes;
-    for (size_t i = 0; i < num_lanes; ++i) x[i] = input[i] = load_block(in + kBlockLen * i);
-    if (num_lanes == 1) {
-      x[0] = crypt_block(rk, x[0]);
-    } else {
-      crypt_lanes(rk, x, std::make_index_sequence<kLanes>());
-    }
-    for (size_t i = 0; i < num_lanes; ++i) {
-      if (chain != nullptr) x[i] = x[i] ^ std::exchange(*chain, input[i]);
-      store_block(x[i], out + kBlockLen * i);
-    }
-    count -= num_lanes;
-    in += num_lanes * kBlockLen;
-    out += num_lanes * kBlockLen;
-  }
 }
 
 // Section 7.3: the S-box, then a linear map of its own.
@@ -123,7 +96,7 @@ uint32_t key_function(uint32_t x) {
 extern "C" {
 
 void TQ_sm4_setkey_enc(TQ_SM4_CTX* ctx, const uint8_t key[16]) {
-  Block k = load_block(key) ^ tq::sm4::kFk;
+  Block k = tq::load_words(key) ^ tq::sm4::kFk;
   const tq::WipeOnExit wipe_k(k);
   for (size_t i = 0; i < kNumRounds; ++i) {
     k[i % 4] ^= key_function(k[(i + 1) % 4] ^ k[(i + 2) % 4] ^ k[(i + 3) % 4] ^ tq::sm4::kCk[i]);
@@ -140,20 +113,20 @@ void TQ_sm4_setkey_dec(TQ_SM4_CTX* ctx, const uint8_t key[16]) {
 
 void TQ_sm4_crypt_ecb(const TQ_SM4_CTX* ctx, int32_t /*mode*/, int32_t length, const uint8_t* input,
                       uint8_t* output) {
-  crypt_independent(ctx->rk, num_blocks(length), nullptr, input, output);
+  tq::crypt_independent(Sm4{ctx->rk}, num_blocks(length), nullptr, input, output);
 }
 
 void TQ_sm4_crypt_cbc(const TQ_SM4_CTX* ctx, int32_t mode, int32_t length, uint8_t iv[16],
                       const uint8_t* input, uint8_t* output) {
   const size_t count = num_blocks(length);
   if (count == 0) return;
-  Block chain = load_block(iv);
+  Block chain = tq::load_words(iv);
   if (mode == static_cast<int32_t>(kModeEncrypt)) {
-    chain = cbc_encrypt(ctx->rk, count, chain, input, output);
+    chain = tq::cbc_encrypt(Sm4{ctx->rk}, count, chain, input, output);
   } else {
-    crypt_independent(ctx->rk, count, &chain, input, output);
+    tq::crypt_independent(Sm4{ctx->rk}, count, &chain, input, output);
   }
-  store_block(chain, iv);
+  tq::store_words(chain, iv);
 }
 
 void scp_sm4_setkey_enc(TQ_SM4_CTX* ctx, const uint8_t key[16]) {

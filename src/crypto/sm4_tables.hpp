@@ -6,30 +6,12 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "crypto/gf256.hpp"
+
 namespace tq::sm4 {
 
-// Product in GF(2^8) modulo x^8 + x^7 + x^6 + x^5 + x^4 + x^2 + x + 1.
-constexpr uint8_t gf_multiply(uint8_t a, uint8_t b) {
-  uint32_t product = 0;
-  for (uint32_t i = 0, shifted = a; i < 8; ++i) {
-    if (((b >> i) & 1) != 0) product ^= shifted;
-    shifted = shifted << 1 ^ ((shifted & 0x80) != 0 ? 0x1F5 : 0);
-  }
-  return static_cast<uint8_t>(product);
-}
-
-// a^254, which is 1/a, and 0 for 0.
-constexpr uint8_t gf_invert(uint8_t a) {
-  uint8_t result = 1;
-  for (uint32_t exponent = 254; exponent != 0; exponent >>= 1) {
-    if ((exponent & 1) != 0) result = gf_multiply(result, a);
-    a = gf_multiply(a, a);
-  }
-  return result;
-}
-
 // Affine map: a circulant bit matrix whose row i is 0xA7 rotated left by i, then a constant.
-constexpr uint8_t affine(uint8_t x) {
+consteval uint8_t affine(uint8_t x) {
   uint32_t image = 0;
   uint8_t row = 0xA7;
   for (uint32_t i = 0; i < 8; ++i, row = std::rotl(row, 1)) {
@@ -40,9 +22,11 @@ constexpr uint8_t affine(uint8_t x) {
 }
 
 // The S-box: the affine map, the inverse in the field, the affine map again.
-constexpr std::array<uint8_t, 256> make_sbox() {
+consteval std::array<uint8_t, 256> make_sbox() {
   std::array<uint8_t, 256> sbox{};
-  for (size_t x = 0; x < sbox.size(); ++x) sbox[x] = affine(gf_invert(affine(static_cast<uint8_t>(x))));
+  for (size_t x = 0; x < sbox.size(); ++x) {
+    sbox[x] = affine(gf256::invert<gf256::kSm4>(affine(static_cast<uint8_t>(x))));
+  }
   return sbox;
 }
 inline constexpr auto kSbox = make_sbox();

@@ -46,6 +46,19 @@ inline Bytes openssl_hmac(const EVP_MD* md, const Bytes& key, const Bytes& data)
   return mac;
 }
 
+// With AES of the key's length.
+inline Bytes openssl_cmac(const Bytes& key, const Bytes& data) {
+  const char* const cipher = key.size() == 16   ? "AES-128-CBC"
+                             : key.size() == 24 ? "AES-192-CBC"
+                                                : "AES-256-CBC";
+  Bytes mac(16);
+  size_t len = 0;
+  EXPECT_NE(EVP_Q_mac(nullptr, "CMAC", nullptr, cipher, nullptr, key.data(), key.size(), data.data(),
+                      data.size(), mac.data(), mac.size(), &len),
+            nullptr);
+  return mac;
+}
+
 // The vector that belongs to an SM4 key: both halves of the key's SM3 digest, folded.
 inline Bytes folded_vector(const Bytes& key) {
   Bytes digest = openssl_digest(EVP_sm3(), key);
