@@ -13,6 +13,7 @@
 #include "binding/module.hpp"
 #include "idcard/id_card_session.h"
 #include "location/location_request.h"
+#include "net/wait.hpp"
 #include "passport/passport_session.h"
 #include "probe/latency_probe.h"
 #include "util/hex.h"
@@ -171,12 +172,31 @@ napi_value cancel_card(napi_env env, napi_callback_info info) {
   return args.result(0);
 }
 
+// While a service waits on the thread of its environment. That the environment is being ended is told to
+// nobody there, but JavaScript cannot be called any more then: comparing values says so.
+class ServiceWait {
+ public:
+  explicit ServiceWait(napi_env env) : env_(env), ends_(has_ended, this) { napi_get_undefined(env, &value_); }
+
+ private:
+  static bool has_ended(void* self) {
+    const auto& wait = *static_cast<const ServiceWait*>(self);
+    bool equal = false;
+    return napi_strict_equals(wait.env_, wait.value_, wait.value_, &equal) != napi_ok;
+  }
+
+  napi_env env_;
+  napi_value value_ = nullptr;
+  net::WaitsEndWhen ends_;
+};
+
 napi_value get_time_delay(napi_env env, napi_callback_info info) {
   const Arguments<2> args(env, info);
   const int32_t count = args.integer(0);
   const TextArgument<kTextSize> ip(args, 1);
   TQ_LOG("获取时延次数: %{public}d", count);
   TQ_LOG("获取时延ip: %{public}s", ip.c_str());
+  const ServiceWait wait(env);
   return args.result(tq_check_socket_info(count, ip.c_str(), kProbePort));
 }
 
@@ -202,6 +222,7 @@ napi_value get_device_nfc_location(napi_env env, napi_callback_info info) {
     TQ_LOG("获取设备NFC位置获取时间函数失败: %{public}d", time.status());
     return args.result(0);
   }
+  const ServiceWait wait(env);
   ScpContext& context = t_scp_context;
   int32_t rc = scp_init(&context, appid.c_str(), environment, kLocationLogLevel, kLocationType,
                         manufacturer.c_str(), market_name.c_str(), ip.c_str(), static_cast<uint32_t>(port));

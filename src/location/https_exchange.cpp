@@ -11,12 +11,11 @@
 #include "location/http_response.hpp"
 #include "location/scp_json.h"
 #include "location/session_id.hpp"
-#include "protocol/ipv4_socket.hpp"
+#include "net/ipv4.hpp"
 #include "tls/ssl.h"
 #include "util/base64.h"
 #include "util/diagnostics.h"
 #include "util/secret.hpp"
-#include "util/time_limit.hpp"
 
 namespace tq {
 namespace {
@@ -48,10 +47,11 @@ char* chars(ScratchBuffer& buffer) {
 // A context, a connection on it and the socket below, all released together.
 class TlsConnection {
  public:
-  TlsConnection(const char* host, uint32_t port, const SteadyLimit& limit)
-      : ctx_(make_context()),
-        socket_(ctx_ == nullptr ? kNoSocket : connect_ipv4(host, static_cast<uint16_t>(port), limit)),
-        ssl_(socket_ ? SSL_new(ctx_) : nullptr) {}
+  TlsConnection(const char* host, uint32_t port, const net::Deadline& limit) : ctx_(make_context()) {
+    if (ctx_ == nullptr) return;
+    const net::Connected connected = net::connect_to(host, static_cast<uint16_t>(port), limit, socket_);
+    if (connected == net::Connected::kYes) ssl_ = SSL_new(ctx_);
+  }
   ~TlsConnection() {
     if (ssl_ != nullptr) SSL_free(ssl_);
     if (ctx_ != nullptr) SSL_CTX_free(ctx_);
@@ -59,7 +59,7 @@ class TlsConnection {
   TlsConnection(const TlsConnection&) = delete;
   TlsConnection& operator=(const TlsConnection&) = delete;
 
-  [[nodiscard]] bool shake_hands(const char* host, const SteadyLimit& limit) {
+  [[nodiscard]] bool shake_hands(const char* host, const net::Deadline& limit) {
     const int64_t left_ms = limit.remaining_ms();
     if (ssl_ == nullptr || left_ms <= 0) return false;
     SSL_set_time_limit(ssl_, left_ms);
@@ -88,8 +88,8 @@ class TlsConnection {
   }
 
   SSL_CTX* ctx_;
-  OwnedSocket socket_;
-  SSL* ssl_;
+  net::Descriptor socket_;
+  SSL* ssl_ = nullptr;
 };
 
 // Formats into a zeroed buffer; false when the text does not fit with its NUL.
@@ -123,7 +123,7 @@ bool format_post(const ScpContext& context, const char* body, ScratchBuffer& out
 
 // One connection for one request and its response.
 bool fetch(const ScpContext& context, const char* body, ResponseText& response) {
-  const SteadyLimit limit(kExchangeLimitMs);
+  const auto limit = net::Deadline::in(kExchangeLimitMs);
   ScratchBuffer post(std::strlen(body) + kHttpHeaderRoom);
   if (!format_post(context, body, post)) return false;
   TlsConnection connection(context.host, context.port, limit);

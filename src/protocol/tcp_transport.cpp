@@ -1,25 +1,28 @@
 #include "protocol/tcp_transport.h"
 
-#include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <cerrno>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <mutex>
 #include <span>
+#include <utility>
 
 #include "core/session/read_session.hpp"
-#include "protocol/ipv4_socket.hpp"
+#include "net/ipv4.hpp"
+#include "net/wait.hpp"
 #include "util/byte_cursor.hpp"
 #include "util/diagnostics.h"
 #include "util/no_destroy.hpp"
-#include "util/time_limit.hpp"
 
 namespace {
+
+using tq::net::Deadline;
+using tq::net::Descriptor;
 
 constexpr int64_t kConnectLimitMs = 5000;
 constexpr int64_t kExchangeLimitMs = 5000;  // of sending, and of receiving
@@ -32,31 +35,24 @@ constexpr uint8_t kLastHeader = 0x72;
 // thread when nobody does, so a number is never used after another thread could have been given it again.
 struct Connection {
   std::mutex mutex;
-  int32_t socketFd = -1;
-  int wake_read = -1;  // becomes readable when the connection is aborted
-  int wake_write = -1;
-  bool socketConnected = false;
-  std::atomic<bool> socketAbort{false};
+  Descriptor socket;
+  Descriptor wake;  // becomes readable when the connection is aborted, and stays so
+  bool connected = false;
+  std::atomic<bool> aborted{false};
   int users = 0;  // threads that work with the descriptors now
   bool release_when_unused = false;
+
+  // With the mutex held.
+  void release_descriptors() {
+    socket.reset();
+    wake.reset();
+    release_when_unused = false;
+  }
 };
 
 Connection& connection() {
   static tq::NoDestroy<Connection> the_connection;
   return the_connection.get();
-}
-
-void close_and_forget(int& fd) {
-  if (fd >= 0) close(fd);
-  fd = -1;
-}
-
-// With the mutex held.
-void release_descriptors(Connection& c) {
-  close_and_forget(c.socketFd);
-  close_and_forget(c.wake_read);
-  close_and_forget(c.wake_write);
-  c.release_when_unused = false;
 }
 
 // One thread's use of the connection, for sending and receiving or for connecting.
@@ -66,11 +62,11 @@ class ConnectionUse {
 
   explicit ConnectionUse(For purpose) : c_(connection()) {
     const std::lock_guard lock(c_.mutex);
-    if (purpose == For::kExchange && (!c_.socketConnected || c_.socketAbort)) return;
+    if (purpose == For::kExchange && (!c_.connected || c_.aborted)) return;
     if (purpose == For::kConnecting && c_.users > 0) return;
     if (purpose == For::kConnecting) {
-      c_.socketConnected = false;
-      release_descriptors(c_);
+      c_.connected = false;
+      c_.release_descriptors();
     }
     ++c_.users;
     entered_ = true;
@@ -78,26 +74,26 @@ class ConnectionUse {
   ~ConnectionUse() {
     if (!entered_) return;
     const std::lock_guard lock(c_.mutex);
-    if (--c_.users == 0 && c_.release_when_unused) release_descriptors(c_);
+    if (--c_.users == 0 && c_.release_when_unused) c_.release_descriptors();
   }
   ConnectionUse(const ConnectionUse&) = delete;
   ConnectionUse& operator=(const ConnectionUse&) = delete;
 
   bool entered() const { return entered_; }
-  bool aborted() const { return c_.socketAbort; }
-  int fd() const { return c_.socketFd; }  // changed by the using thread only
+  bool aborted() const { return c_.aborted; }
+  int fd() const { return c_.socket.fd(); }  // changed by the using thread only
+  int wake_fd() const { return c_.wake.fd(); }
   Connection& shared() { return c_; }
 
-  // Sleeps until the socket is ready for `events`, the connection is aborted or the time is over.
-  void wait(short events, int64_t timeout_ms) const {
-    pollfd watched[] = {{c_.socketFd, events, 0}, {c_.wake_read, POLLIN, 0}};
-    poll(watched, std::size(watched), static_cast<int>(timeout_ms));
+  // Sleeps until the socket is ready for `events`, the connection is aborted or the time is over: the caller
+  // looks which.
+  void wait(short events, const Deadline& deadline) const {
+    static_cast<void>(tq::net::wait_ready(fd(), events, deadline, wake_fd()));
   }
 
   // Sleeps until the connection is aborted or the time is over.
-  void pause(int64_t timeout_ms) const {
-    pollfd watched = {c_.wake_read, POLLIN, 0};
-    poll(&watched, 1, static_cast<int>(timeout_ms));
+  void pause(const Deadline& deadline) const {
+    static_cast<void>(tq::net::wait_ready(-1, 0, deadline, wake_fd()));
   }
 
  private:
@@ -105,44 +101,34 @@ class ConnectionUse {
   bool entered_ = false;
 };
 
-// Puts a new non-blocking socket in the place of the present one.
-bool open_socket(Connection& c) {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+// Puts a new socket in the place of the present one.
+bool renew_socket(Connection& c) {
+  Descriptor fresh = tq::net::open_socket();
   const std::lock_guard lock(c.mutex);
-  close_and_forget(c.socketFd);
-  c.socketFd = fd;
-  if (fd < 0) return false;
-  const int flags = fcntl(fd, F_GETFL);
-  return flags != -1 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) != -1;
+  c.socket = std::move(fresh);
+  return static_cast<bool>(c.socket);
 }
 
-bool open_wake_pipe(Connection& c) {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) return false;
+bool open_wake(Connection& c) {
+  Descriptor fresh(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!fresh) return false;
   const std::lock_guard lock(c.mutex);
-  c.wake_read = ends[0];
-  c.wake_write = ends[1];
-  c.socketAbort = tq::current_read_stopped();  // it may have been while nothing here could be aborted yet
+  c.wake = std::move(fresh);
+  c.aborted = tq::current_read_stopped();  // it may have been while nothing here could be aborted yet
   return true;
 }
 
 // Tries until the server accepts, the limit has passed or somebody aborts.
-bool keep_connecting(ConnectionUse& use, const sockaddr_in& server, const tq::TimeLimit& limit) {
+bool keep_connecting(ConnectionUse& use, const sockaddr_in& server, const Deadline& limit) {
   int64_t retry_ms = kFirstRetryMs;
   while (!use.aborted()) {
-    const int result = connect(use.fd(), reinterpret_cast<const sockaddr*>(&server), sizeof server);
-    const int error = result == 0 ? 0 : errno;
-    const int64_t left_ms = limit.remaining_ms();
-    if (left_ms < 0) return false;
-    if (error == 0 || error == EISCONN) return true;
-    if (left_ms == 0) return false;
-    if (error == EINPROGRESS || error == EALREADY || error == EINTR) {
-      use.wait(POLLOUT, left_ms);
-      continue;
-    }
-    use.pause(std::min(left_ms, retry_ms));
+    const bool accepted = tq::net::connect_once(use.fd(), server, limit, use.wake_fd());
+    if (!limit.clock_ok()) return false;
+    if (accepted) return true;
+    if (limit.passed()) return false;
+    use.pause(Deadline::in(std::min(limit.remaining_ms(), retry_ms)));
     retry_ms = std::min(2 * retry_ms, kLongestRetryMs);
-    if (!open_socket(use.shared())) return false;
+    if (!renew_socket(use.shared())) return false;
   }
   return false;
 }
@@ -154,7 +140,7 @@ bool worth_another_try(ssize_t result) {
 // Returns the bytes sent, the last result when aborted, or TQ_FAILED. A connection that is gone fails at
 // once.
 int32_t send_all(const ConnectionUse& use, std::span<const uint8_t> bytes) {
-  const tq::TimeLimit limit(kExchangeLimitMs);
+  const Deadline limit = Deadline::by_both_clocks_in(kExchangeLimitMs);
   if (!limit.clock_ok()) return TQ_FAILED;
   size_t sent = 0;
   ssize_t last = 0;
@@ -163,9 +149,8 @@ int32_t send_all(const ConnectionUse& use, std::span<const uint8_t> bytes) {
     if (last < 0 && !worth_another_try(last)) return TQ_FAILED;
     if (last > 0) sent += static_cast<size_t>(last);
     if (sent == bytes.size()) return static_cast<int32_t>(sent);
-    const int64_t left_ms = limit.remaining_ms();
-    if (left_ms <= 0) return TQ_FAILED;
-    if (last <= 0) use.wait(POLLOUT, left_ms);
+    if (limit.passed()) return TQ_FAILED;
+    if (last <= 0) use.wait(POLLOUT, limit);
   }
   return static_cast<int32_t>(last);
 }
@@ -186,7 +171,7 @@ bool is_frame_header(uint8_t byte) {
 }
 
 int32_t receive_frame(const ConnectionUse& use, std::span<uint8_t> buffer, bool long_form) {
-  const tq::TimeLimit limit(kExchangeLimitMs);
+  const Deadline limit = Deadline::by_both_clocks_in(kExchangeLimitMs);
   if (!limit.clock_ok()) return TQ_FAILED;
   size_t num_received = 0;
   ssize_t last = 0;
@@ -194,8 +179,7 @@ int32_t receive_frame(const ConnectionUse& use, std::span<uint8_t> buffer, bool 
     last = recv(use.fd(), buffer.data() + num_received, buffer.size() - num_received, 0);
     const bool nothing_yet = worth_another_try(last);
     if (last > 0) num_received += static_cast<size_t>(last);
-    const int64_t left_ms = limit.remaining_ms();
-    if (left_ms < 0) return TQ_FAILED;
+    if (!limit.clock_ok()) return TQ_FAILED;
     const std::span<const uint8_t> received = buffer.first(num_received);
     if (has_length_field(received, long_form)) {
       if (!is_frame_header(received[0]) || num_received >= frame_length(received, long_form)) {
@@ -204,8 +188,8 @@ int32_t receive_frame(const ConnectionUse& use, std::span<uint8_t> buffer, bool 
     }
     // A frame that outgrows the buffer, and one whose sender has gone, can never become complete.
     const bool hopeless = num_received == buffer.size() || (last <= 0 && !nothing_yet);
-    if (hopeless || left_ms == 0) return TQ_FAILED;
-    if (nothing_yet) use.wait(POLLIN, left_ms);
+    if (hopeless || limit.passed()) return TQ_FAILED;
+    if (nothing_yet) use.wait(POLLIN, limit);
   }
   return static_cast<int32_t>(last);
 }
@@ -224,36 +208,34 @@ int32_t tq_socket_connect(const SessionConfig* cfg) {
   if (!use.entered()) return TQ_FAILED;
   Connection& c = use.shared();
   sockaddr_in server{};
-  if (!tq::resolve_ipv4(cfg->ip, cfg->port, server) || !open_socket(c)) return TQ_FAILED;
-  const tq::TimeLimit limit(kConnectLimitMs);
-  if (!limit.clock_ok() || !open_wake_pipe(c)) return TQ_FAILED;
+  if (!tq::net::resolve(cfg->ip, cfg->port, server) || !renew_socket(c)) return TQ_FAILED;
+  const Deadline limit = Deadline::by_both_clocks_in(kConnectLimitMs);
+  if (!limit.clock_ok() || !open_wake(c)) return TQ_FAILED;
   const bool connected = keep_connecting(use, server, limit);
 
   const std::lock_guard lock(c.mutex);
-  if (!connected || c.socketAbort) {
-    c.socketAbort = true;
-    if (connected) close_and_forget(c.socketFd);  // one that is not connected stays until the next connect
-    close_and_forget(c.wake_read);
-    close_and_forget(c.wake_write);
+  if (!connected || c.aborted) {
+    c.aborted = true;
+    if (connected) c.socket.reset();  // one that is not connected stays until the next connect
+    c.wake.reset();
     return TQ_FAILED;
   }
-  c.socketConnected = true;
-  return c.socketFd;
+  c.connected = true;
+  return c.socket.fd();
 }
 
 void tq_socket_close(void) {
   Connection& c = connection();
   const std::lock_guard lock(c.mutex);
-  c.socketAbort = true;
-  if (c.wake_write >= 0) {
-    const uint8_t wake = 1;
-    [[maybe_unused]] const ssize_t written =
-        write(c.wake_write, &wake, sizeof wake);  // a full pipe wakes as well
+  c.aborted = true;
+  if (c.wake) {
+    const uint64_t once = 1;
+    [[maybe_unused]] const ssize_t written = write(c.wake.fd(), &once, sizeof once);
   }
-  if (!c.socketConnected) return;
-  c.socketConnected = false;
+  if (!c.connected) return;
+  c.connected = false;
   if (c.users == 0) {
-    release_descriptors(c);
+    c.release_descriptors();
   } else {
     c.release_when_unused = true;
   }

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "net/deadline.hpp"
 #include "tls/environment.hpp"
 
 namespace tq::tls {
@@ -22,11 +23,10 @@ class SocketChannel final : public ByteChannel {
   void hurry(int64_t limit_ms) override;
 
  private:
-  bool limit_passed() const;
   bool wait(short events, int timeout_option) const;
 
   int fd_ = -1;
-  int64_t deadline_ms_ = INT64_MAX;  // of the monotonic clock
+  net::Deadline deadline_ = net::Deadline::never();
 };
 
 }  // namespace tq::tls

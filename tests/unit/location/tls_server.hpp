@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "protocol/loopback_server.hpp"
+#include "support/loopback_server.hpp"
 
 namespace test {
 

@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "protocol/loopback_server.hpp"
 #include "support/descriptors.hpp"
+#include "support/loopback_server.hpp"
 
 namespace {
 

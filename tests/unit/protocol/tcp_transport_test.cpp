@@ -1,15 +1,8 @@
 #include "protocol/tcp_transport.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <cstring>
-#include <thread>
-
-#include "core/config/session_config.h"
-#include "support/bytes.hpp"
+#include "support/loopback_server.hpp"
 
 namespace {
 
@@ -18,48 +11,26 @@ using namespace test;
 constexpr int32_t kFailed = -22003;
 const Bytes kRequest = from_hex("70000B501200090007AA27");
 
-// A TCP server on 127.0.0.1 with one connection: it takes one request, answers and waits for the client's
-// end.
-class LoopbackServer {
+// Connected to a server that takes one request, answers and waits for the client's end.
+class Connection {
  public:
-  LoopbackServer(const Bytes& request, const Bytes& answer)
-      : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr*>(&address), size), 0);
-    EXPECT_EQ(getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &size), 0);
-    EXPECT_EQ(listen(fd_, 1), 0);
-    std::strcpy(cfg_.ip, "127.0.0.1");
-    cfg_.port = ntohs(address.sin_port);
-    thread_ = std::thread([this, request, answer] {
-      const int fd = accept(fd_, nullptr, nullptr);
-      std::this_thread::sleep_for(std::chrono::milliseconds(request.size() > 1000 ? 50 : 0));
-      Bytes received(request.size() + 1);
-      EXPECT_EQ(recv(fd, received.data(), request.size(), MSG_WAITALL), static_cast<ssize_t>(request.size()));
-      received.pop_back();
-      EXPECT_TRUE(received == request);
-      EXPECT_EQ(send(fd, answer.data(), answer.size(), MSG_NOSIGNAL), static_cast<ssize_t>(answer.size()));
-      EXPECT_LE(recv(fd, received.data(), 1, 0), 0);
-      close(fd);
-    });
+  Connection(const Bytes& request, const Bytes& answer, int delay_ms = 0)
+      : server_([=](const Peer& peer) {
+          sleep_ms(delay_ms);
+          EXPECT_TRUE(peer.read(request.size()) == request);
+          peer.write(answer);
+          peer.wait_for_end();
+        }),
+        cfg_(server_.config()) {
     EXPECT_GE(tq_socket_connect(&cfg_), 0);
   }
-  ~LoopbackServer() {
-    tq_socket_close();
-    thread_.join();
-    close(fd_);
-  }
-  LoopbackServer(const LoopbackServer&) = delete;
-  LoopbackServer& operator=(const LoopbackServer&) = delete;
+  ~Connection() { tq_socket_close(); }
 
   SessionConfig& config() { return cfg_; }
 
  private:
-  int fd_;
-  SessionConfig cfg_{};
-  std::thread thread_;
+  LoopbackServer server_;
+  SessionConfig cfg_;
 };
 
 TEST(TcpTransport, ResponsesEndWhereTheirLengthSays) {
@@ -84,7 +55,7 @@ TEST(TcpTransport, ResponsesEndWhereTheirLengthSays) {
       {"room for less than a length", 0, from_hex("700003"), 2, kFailed},
   };
   for (const auto& c : cases) {
-    LoopbackServer server(kRequest, c.sent);
+    Connection server(kRequest, c.sent);
     Bytes out(c.capacity, 0xEE);
     EXPECT_EQ(
         tcp_send_and_recv(&server.config(), kRequest.data(), len(kRequest), out.data(), len(out), c.form),
@@ -99,7 +70,7 @@ TEST(TcpTransport, ResponsesEndWhereTheirLengthSays) {
 TEST(TcpTransport, ALargeRequestIsSentWhole) {
   std::mt19937 generator(1);
   Bytes shared = random_bytes(generator, 8 << 20);
-  LoopbackServer server(shared, from_hex("700003"));
+  Connection server(shared, from_hex("700003"), 50);
   EXPECT_EQ(tcp_send_and_recv(&server.config(), shared.data(), len(shared), shared.data(), len(shared), 0),
             3);
 }
@@ -108,7 +79,7 @@ TEST(TcpTransport, HalvesOfAnExchange) {
   Bytes out(64);
   EXPECT_EQ(tq_socket_send(nullptr, kRequest.data(), len(kRequest)), 0);  // not connected
   EXPECT_EQ(tq_socket_recv(nullptr, out.data(), 64, TQ_SHORT_FRAME), 0);
-  const LoopbackServer server(kRequest, from_hex("700003") + kRequest);
+  const Connection server(kRequest, from_hex("700003") + kRequest);
   EXPECT_EQ(tq_socket_send(nullptr, kRequest.data(), len(kRequest)), static_cast<int32_t>(kRequest.size()));
   EXPECT_EQ(tq_socket_recv(nullptr, out.data(), 3, TQ_SHORT_FRAME), 3);
   EXPECT_EQ(tq_socket_recv(nullptr, out.data(), 64, TQ_SHORT_FRAME), static_cast<int32_t>(kRequest.size()));
@@ -117,7 +88,7 @@ TEST(TcpTransport, HalvesOfAnExchange) {
 
 TEST(TcpTransport, OnlyLogLevelTwoShowsTheFrames) {
   for (const uint8_t level : {uint8_t{1}, uint8_t{2}}) {
-    LoopbackServer server(kRequest, from_hex("7000040A"));
+    Connection server(kRequest, from_hex("7000040A"));
     server.config().logLevel = level;
     Bytes out(64);
     testing::internal::CaptureStdout();
