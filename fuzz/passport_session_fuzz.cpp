@@ -100,6 +100,7 @@ class Application final : public tq::ReadSession {
   void accept_answers() override { accepting_ = true; }
   bool superseded() const override { return superseded_; }
   bool cancelled() const override { return superseded_ || cancelled_; }
+  bool command_lost() const override { return false; }
   bool wait_for_answer(tq::CardAnswer& out) override {
     const HarnessTime harness;
     require(accepting_);

@@ -51,6 +51,7 @@ class Message {
   char* text() { return reinterpret_cast<char*>(this + 1); }
   size_t capacity() const { return capacity_; }
   Question question() const { return question_; }
+  uint64_t read() const { return read_; }
   // False when the read that sent this has been superseded meanwhile.
   bool is_current() const { return is_newest_read(read_); }
 
@@ -201,7 +202,9 @@ void call_card_function(napi_env env, napi_value function, void* context, void* 
   const HandleScope scope(env);
   TQ_LOG("调用读卡安全函数1: %{public}s", "s");
   napi_value result = nullptr;
-  call_with_text(env, function, message->text(), &result);  // what the application returns does not matter
+  const napi_status status = call_with_text(env, function, message->text(), &result);
+  // What the application returns or throws does not matter.
+  if (status != napi_ok && status != napi_pending_exception) lose_command(message->read());
   TQ_LOG("调用读卡安全函数: %{public}s", message->text());
 }
 
@@ -289,10 +292,15 @@ int32_t cardCallback(const uint8_t* apdu, uint32_t length, uint8_t serial, void*
   char hex[2 * kLongestCommand + 2] = {};
   bytesToHexString(apdu, length, hex);
   Message* message = Message::create(kBridgeText);
-  if (message == nullptr) return napi_generic_failure;
+  if (message == nullptr) {
+    lose_command(current_read_number());
+    return napi_generic_failure;
+  }
   format_text(*message, "{ \"cmd\": \"%s\",  \"serial_num\": \"%d\"}", hex, serial);
   TQ_LOG("C端准备发送的读卡数据: %{public}s", message->text());
-  return post(Channel::kCard, message);
+  const napi_status status = post(Channel::kCard, message);
+  if (status != napi_ok) lose_command(current_read_number());
+  return status;
 }
 
 int32_t shareMonitorDataCallback(const monitor_param* param, char* out, uint32_t outSize) {

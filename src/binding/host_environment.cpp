@@ -107,6 +107,11 @@ int32_t HostEnvironment::start_passport_read(const char* number, const char* bir
   return started(passport_decode(&config_, number, birth, expiry, fresh_stick_card_id()));
 }
 
+void HostEnvironment::cancel_read(ReadKind kind) {
+  tq::cancel_read(kind, &config_, tq_socket_close);
+  release_process();
+}
+
 void HostEnvironment::hold_process() {
   if (std::exchange(holds_process_, true)) return;
   napi_ref_threadsafe_function(env_, ends_[static_cast<size_t>(Channel::kResult)].queue);

@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "core/config/session_config.h"
+#include "core/session/read_session.hpp"
 
 namespace tq {
 
@@ -33,6 +34,9 @@ class HostEnvironment {
   // Start a read and keep the process alive until it has ended.
   int32_t start_id_card_read();
   int32_t start_passport_read(const char* number, const char* birth, const char* expiry);
+
+  // Cancels the read of this kind that this environment has started, and no other.
+  void cancel_read(ReadKind kind);
 
   // Lets the process exit if no read needs it any more.
   void release_process();

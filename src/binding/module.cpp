@@ -166,9 +166,8 @@ napi_value cancel_card(napi_env env, napi_callback_info info) {
   const Arguments<1> args(env, info);
   const int32_t type = args.integer(0);
   TQ_LOG("调用取消操作: %{public}d", type);
-  if (type == 0) id_card_cancel();
-  if (type == 1) passport_cancel();
-  args.host().release_process();
+  if (type == 0) args.host().cancel_read(ReadKind::kIdentityCard);
+  if (type == 1) args.host().cancel_read(ReadKind::kPassport);
   return args.result(0);
 }
 

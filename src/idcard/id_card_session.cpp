@@ -33,8 +33,7 @@ void id_card_handler(SessionConfig* cfg, const uint8_t* data, uint32_t length, u
 }
 
 void id_card_cancel(void) {
-  // In this order: the worker that the close wakes has to find the flag.
-  if (tq::cancel_read(tq::ReadKind::kIdentityCard)) tq_socket_close();
+  tq::cancel_read(tq::ReadKind::kIdentityCard, nullptr, tq_socket_close);
 }
 
 }  // extern "C"

@@ -48,8 +48,7 @@ void passport_handler(SessionConfig* ctx, const uint8_t* data, uint32_t length, 
 }
 
 void passport_cancel(void) {
-  // In this order: the worker that the close wakes has to find the flag.
-  if (tq::cancel_read(tq::ReadKind::kPassport)) tq_socket_close();
+  tq::cancel_read(tq::ReadKind::kPassport, nullptr, tq_socket_close);
 }
 
 }  // extern "C"

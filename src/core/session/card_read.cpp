@@ -27,7 +27,8 @@ Outcome CardRead::relay_answers() {
     wipe(&answer_, sizeof answer_);
     if (!outcome.goes_on()) return outcome;
   }
-  return Outcome::end_silently();
+  const bool lost = !session_.cancelled() && session_.command_lost();
+  return lost ? Outcome::end_with(TQ_NO_CARD_ANSWER) : Outcome::end_silently();
 }
 
 void CardRead::log_answer() const {

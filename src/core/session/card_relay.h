@@ -9,8 +9,8 @@
 
 TQ_BEGIN_C
 
-/* Hands `length` command bytes to the application. Always returns 0; a failing application is only seen as a
-   missing answer. */
+/* Hands `length` command bytes to the application. Always returns 0: what the card callback returns is not
+   looked at. A command that the bridge loses for lack of memory ends its read (lose_command). */
 TQ_API int32_t tq_read_card_send(SessionConfig* cfg, const uint8_t* command, uint32_t length, uint8_t serial);
 
 /* Judges an answer by its status word, a trailing zero byte of the reader allowed, and copies its data to

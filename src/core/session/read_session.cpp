@@ -31,6 +31,7 @@ struct Board {
   const SessionConfig* owner = nullptr;
   bool unfinished = false;
   bool accepts_answers = false;
+  bool command_lost = false;
   uint64_t working = 0;  // ticket of the read whose worker is at work; 0 = none
   std::array<CardAnswer, kMaxWaitingAnswers> answers{};
   size_t num_answers = 0;
@@ -70,6 +71,7 @@ class Worker final : public ReadSession {
   bool cancelled() const override { return superseded() || board().cancelled.load(); }
   void accept_answers() override;
   bool wait_for_answer(CardAnswer& out) override;
+  bool command_lost() const override;
   void run();
 
  private:
@@ -95,13 +97,19 @@ void Worker::accept_answers() {
 bool Worker::wait_for_answer(CardAnswer& out) {
   Board& b = board();
   std::unique_lock lock(b.mutex);
-  b.changed.wait(lock, [&] { return superseded() || b.num_answers > 0; });
-  if (superseded()) return false;
+  b.changed.wait(lock, [&] { return superseded() || b.command_lost || b.num_answers > 0; });
+  if (superseded() || b.command_lost) return false;
   out = b.answers.front();
   std::move(b.answers.begin() + 1, b.answers.begin() + b.num_answers, b.answers.begin());
   --b.num_answers;
   wipe(&b.answers[b.num_answers], sizeof(CardAnswer));
   return true;
+}
+
+bool Worker::command_lost() const {
+  Board& b = board();
+  const std::lock_guard lock(b.mutex);
+  return !superseded() && b.command_lost;
 }
 
 // Waits until the reads before this one have ended.
@@ -171,6 +179,7 @@ int32_t start_read(ReadKind kind, const SessionConfig& cfg, ReadBody body, Inter
   b.owner = &cfg;
   b.unfinished = true;
   b.accepts_answers = false;
+  b.command_lost = false;
   b.clear_answers();
   if (b.working != 0) interrupt();
   b.changed.notify_all();
@@ -206,13 +215,22 @@ void deliver_answer(ReadKind kind, const SessionConfig* owner, std::span<const u
   b.changed.notify_all();
 }
 
-bool cancel_read(ReadKind kind) {
+void cancel_read(ReadKind kind, const SessionConfig* owner, Interrupt interrupt) {
+  Board& b = board();
+  const std::lock_guard lock(b.mutex);  // no other read may start before the interrupt
+  if (b.unfinished) {
+    if (b.kind != kind || (owner != nullptr && b.owner != owner)) return;
+    b.cancelled.store(true);  // first: the worker that the interrupt wakes has to find it
+  }
+  interrupt();
+}
+
+void lose_command(uint64_t read) {
   Board& b = board();
   const std::lock_guard lock(b.mutex);
-  if (!b.unfinished) return true;
-  if (b.kind != kind) return false;
-  b.cancelled.store(true);
-  return true;
+  if (!b.unfinished || !is_newest_read(read)) return;
+  b.command_lost = true;
+  b.changed.notify_all();
 }
 
 bool read_in_progress(const SessionConfig* owner) {

@@ -45,8 +45,12 @@ class ReadSession {
   // earlier is one to a command of an older read.
   virtual void accept_answers() = 0;
 
-  // Sleeps until the next answer has been handed over. Returns false when the read has been superseded.
+  // Sleeps until the next answer has been handed over. Returns false when the read has been superseded, and
+  // when its command has been lost.
   virtual bool wait_for_answer(CardAnswer& out) = 0;
+
+  // True once a command of this read could not be handed to the application: nobody will answer it.
+  virtual bool command_lost() const = 0;
 
   virtual bool superseded() const = 0;
 
@@ -74,9 +78,13 @@ void abandon_read(const SessionConfig* owner, Interrupt interrupt);
 void deliver_answer(ReadKind kind, const SessionConfig* owner, std::span<const uint8_t> data, uint8_t serial,
                     int32_t status);
 
-// Sets the cancel flag of the unfinished read of this kind, if there is one. False when one of the other kind
-// is under way instead.
-bool cancel_read(ReadKind kind);
+// Sets the cancel flag of the unfinished read, if there is one, and calls `interrupt` to end what it waits
+// for on the network. Nothing happens while a read of another kind, or of another owner (null: any), is under
+// way.
+void cancel_read(ReadKind kind, const SessionConfig* owner, Interrupt interrupt);
+
+// Tells the read of this number that its command could not be handed to the application. From any thread.
+void lose_command(uint64_t read);
 
 // True while the read started with `owner` may still have something to report: it is neither finished nor
 // superseded, and no cancelled one that has got beyond its authentication.

@@ -12,6 +12,8 @@ using tq::ReadKind;
 // The worker tells how far it is, and is held back until it may go on. Static: a body is a plain function.
 enum Stage { kNotBegun, kBegun, kMayGoOn, kAccepting, kEnded };
 std::atomic<Stage> g_stage;
+std::atomic<uint64_t> g_number;   // of the read
+std::atomic<bool> g_lost;         // it has been told that its command is lost
 std::atomic<uint32_t> g_serials;  // of the answers, one decimal digit each
 
 template <typename Condition>
@@ -26,12 +28,14 @@ void wait_for_stage(Stage stage) {
 // Collects answers up to one with the number 9. The library is built without run-time type information, which
 // the check of virtual calls would need.
 __attribute__((no_sanitize("vptr"))) void collect_answers(tq::ReadSession& session) {
+  g_number = tq::current_read_number();
   g_stage = kBegun;
   wait_for_stage(kMayGoOn);
   session.accept_answers();
   g_stage = kAccepting;
   tq::CardAnswer answer;
   while (session.wait_for_answer(answer) && answer.serial != 9) g_serials = g_serials * 10 + answer.serial;
+  g_lost = session.command_lost();
 }
 
 TEST(ReadSession, AnswersOfNoReadAreDropped) {
@@ -43,7 +47,7 @@ TEST(ReadSession, AnswersOfNoReadAreDropped) {
     tq::deliver_answer(kind, owner, data, serial, 0);
   };
   tq::set_read_end_hook([](const SessionConfig*) { g_stage = kEnded; });
-  for (int again = 0; again < 2; ++again) {
+  for (int again = 0; again < 3; ++again) {
     g_serials = 0;
     g_stage = kNotBegun;
     deliver(1, &cfg);  // before any read, and after the first
@@ -57,10 +61,16 @@ TEST(ReadSession, AnswersOfNoReadAreDropped) {
     deliver(5, &cfg);
     deliver(6, nullptr);  // whoever runs
     tq::abandon_read(&other, [] { ADD_FAILURE(); });
+    tq::cancel_read(ReadKind::kIdentityCard, &other, [] { ADD_FAILURE(); });
+    tq::cancel_read(ReadKind::kPassport, nullptr, [] { ADD_FAILURE(); });
+    tq::lose_command(g_number - 1);
     EXPECT_TRUE(tq::read_in_progress(&cfg));
     wait_for([] { return g_serials == 56; });
-    again == 0 ? deliver(9, &cfg) : tq::abandon_read(&cfg, [] {});
+    if (again == 0) deliver(9, &cfg);
+    if (again == 1) tq::abandon_read(&cfg, [] {});
+    if (again == 2) tq::lose_command(g_number);
     wait_for_stage(kEnded);
+    EXPECT_EQ(g_lost, again == 2);
   }
   tq::set_read_end_hook(nullptr);
 }
