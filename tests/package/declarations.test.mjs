@@ -5,7 +5,7 @@ import assert from 'node:assert/strict';
 import { spawnSync } from 'node:child_process';
 import { readFileSync } from 'node:fs';
 import { test } from 'node:test';
-import { READER_CODES, RESULT_CODES, ReaderCode, ResultCode, describeCode } from '../../simulator/lib/package.mjs';
+import { READER_CODES, RESULT_CODES, ReaderCode, ResultCode, TqError, describeCode } from '../../simulator/lib/package.mjs';
 import { kLibrary } from '../library/library.mjs';
 import { declaredCodes, declaredFunctions, kRoot } from './declarations.mjs';
 
@@ -92,6 +92,9 @@ test('a code in words', () => {
   assert.deepEqual(names.map((name) => ReaderCode[name]), READER_CODES.map(({ code }) => code));
   const all = [...RESULT_CODES, ...READER_CODES];
   assert.equal(new Set(all.map(({ code }) => code)).size, all.length);
-  for (const entry of all) assert.equal(describeCode(entry.code), entry);
+  for (const entry of all) {
+    assert.equal(describeCode(entry.code), entry);
+    assert.ok(new TqError(entry.code).advice.length > 10, entry.name);
+  }
   assert.deepEqual([describeCode(-1301).name, describeCode(-1301).code], ['SERVER_STATUS', -1301]);
 });

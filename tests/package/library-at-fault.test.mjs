@@ -102,6 +102,33 @@ test('a read that does not start leaves the reader free', async () => {
   assert.ok(!calls.some(([name]) => name === 'cancelCard'));
 });
 
+test('what a failure comes to for the person with the document', async () => {
+  const rows = [ // kind, number and answer of the last command (none: null), code of the result
+    ['Passport', 8, null, -93001, 'DOCUMENT_MOVED'], ['IdentityCard', 8, null, -93001, 'DOCUMENT_MOVED'], ['Passport', 6, null, -93006, 'DOCUMENT_MOVED'],
+    ['Passport', 2, '6300', -53001, 'WRONG_NUMBER_OR_DATES'], ['Passport', 2, '63C1', -53001, 'WRONG_NUMBER_OR_DATES'],
+    ['Passport', 17, '6982', -53001, 'WRONG_NUMBER_OR_DATES'], ['Passport', 2, '6D00', -53001, 'UNKNOWN_ACCESS'],
+    ['Passport', 1, '6982', -93005, 'UNKNOWN_ACCESS'], ['Passport', 0, '6985', -93006, 'UNKNOWN_ACCESS'], ['Passport', 11, '6A82', -53001, 'UNKNOWN_ACCESS'],
+    ['Passport', 0, '6A82', -93006, 'NO_PASSPORT'], ['Passport', 7, '6982', -1, 'DOCUMENT_REFUSED'], ['Passport', 4, '99026982', -93006, 'DOCUMENT_REFUSED'],
+    ['IdentityCard', 2, '6A82', -93006, 'DOCUMENT_REFUSED'], ['IdentityCard', 0, '6986', -93005, 'DOCUMENT_REFUSED'],
+    ['Passport', 8, '019000', -93006, 'NONSENSE'], ['Passport', 2, '009000', -93005, 'NONSENSE'], ['Passport', 17, '009000', -53001, 'NONSENSE'],
+    ['IdentityCard', 3, '9000', -1, 'NONSENSE'], ['Passport', 8, '900000', -93006, 'NONSENSE'],
+    ['Passport', 8, '019000', -20001, 'NETWORK'], ['Passport', 8, null, -22003, 'NETWORK'], ['Passport', 8, '9000', -35006, 'SERVER'],
+    ['IdentityCard', 10, '9000', -1301, 'SERVER'], ['Passport', 8, '9000', -35010, 'APPLICATION'],
+  ];
+  for (const [kind, serial, answer, code, reason] of rows) {
+    const { reader, callbacks } = configured();
+    const card = { transmit: () => (answer === null ? Promise.reject(new Error('gone')) : Promise.resolve(Uint8Array.from(Buffer.from(answer, 'hex')))) };
+    const read = kind === 'Passport' ? reader.readPassport(kMrz, { connection: card }) : reader.readIdentityCard({ connection: card });
+    callbacks.Card(`{ "cmd": "00B0",  "serial_num": "${serial}"}`);
+    await sleep(1);
+    callbacks.Result(`{"code":${code},"flag":0,"data":""}`);
+    const error = await read.catch((reason) => reason);
+    assert.deepEqual([error.code, error.reason], [code, reason], `${kind} ${serial} ${answer}`);
+    assert.ok(error.advice.length > 10);
+  }
+  assert.equal((await configured().reader.readPassport({}, { connection }).catch((error) => error)).reason, 'WRONG_NUMBER_OR_DATES');
+});
+
 test('results that are none', async () => {
   const { reader, callbacks } = configured();
   for (const text of ['', 'null', '7', '{"code":"0"}', '{"code":0,"flag":1,"data":"x"}', '{"code":0,"flag":1,"data":null}']) {

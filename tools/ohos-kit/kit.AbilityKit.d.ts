@@ -27,4 +27,6 @@ export namespace AbilityConstant {
 export class UIAbility {
   onCreate(want: Want, launchParam: AbilityConstant.LaunchParam): void;
   onWindowStageCreate(windowStage: window.WindowStage): void;
+  onForeground(): void;
+  onBackground(): void;
 }

@@ -1,4 +1,4 @@
-// Errors and callbacks of the phone's kits, as far as the example uses them.
+// Errors, callbacks and device information of the phone's kits, as far as the example uses them.
 
 export interface BusinessError<T = void> extends Error {
   code: number;
@@ -11,4 +11,8 @@ export interface Callback<T> {
 
 export interface AsyncCallback<T, E = void> {
   (err: BusinessError<E>, data: T): void;
+}
+
+export namespace deviceInfo {
+  const sdkApiVersion: number;
 }

@@ -12,7 +12,6 @@ export namespace nfcController {
   }
 
   function isNfcOpen(): boolean;
-  /** These two throw a BusinessError. */
   function on(type: 'nfcStateChange', callback: Callback<NfcState>): void;
   function off(type: 'nfcStateChange', callback?: Callback<NfcState>): void;
 }
@@ -28,7 +27,7 @@ export namespace tag {
     technology: number[];
   }
 
-  /** A connection to a tag. All of these throw a BusinessError. */
+  /** A connection to a tag. All of these throw a BusinessError: 201, 3100201 or 3100204. */
   interface TagSession {
     connect(): void;
     resetConnection(): void;
@@ -44,8 +43,10 @@ export namespace tag {
     isExtendedApduSupported(): Promise<boolean>;
   }
 
-  function getNfcB(tagInfo: TagInfo): NfcBTag;
-  function getIsoDep(tagInfo: TagInfo): IsoDepTag;
+  /** Null when the tag does not have the technology. */
+  function getNfcB(tagInfo: TagInfo): NfcBTag | null;
+  function getIsoDep(tagInfo: TagInfo): IsoDepTag | null;
+  /** These two throw a BusinessError: 201, 801, 3100201, 3100202 or 3100203. */
   function on(type: 'readerMode', elementName: ElementName, discTech: number[], callback: AsyncCallback<TagInfo>): void;
   function off(type: 'readerMode', elementName: ElementName, callback?: AsyncCallback<TagInfo>): void;
 }
