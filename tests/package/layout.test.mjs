@@ -1,8 +1,9 @@
-// The package's and the example's manifests fit each other and name files that are there.
+// The package's and the example's manifests fit each other and name files that are there; so do the documents.
 
 import assert from 'node:assert/strict';
+import { spawnSync } from 'node:child_process';
 import { existsSync, readFileSync } from 'node:fs';
-import { join } from 'node:path';
+import { dirname, join, relative } from 'node:path';
 import { test } from 'node:test';
 import { kRoot, parseJson5 } from './declarations.mjs';
 
@@ -16,6 +17,9 @@ test('the package', () => {
   const { name, version, main, dependencies } = manifest(kPackage, 'oh-package.json5');
   const [, project] = /project\(tqreader VERSION (\S+)/.exec(readFileSync(join(kRoot, 'CMakeLists.txt'), 'utf8'));
   assert.deepEqual([name, version], ['tqreader', project]);
+  for (const changes of ['CHANGELOG.md', 'package/CHANGELOG.md']) {
+    assert.equal(/^## (\S+)/m.exec(readFileSync(join(kRoot, changes), 'utf8'))[1], project, changes);
+  }
   exists(kPackage, main);
   const types = join(kPackage, dependencies['libtqreader.so'].replace('file:', ''));
   const native = manifest(types, 'oh-package.json5');
@@ -52,4 +56,20 @@ test('the example', () => {
   src.forEach((page) => exists(kExample, 'src/main/ets', `${page}.ets`));
   const ability = readFileSync(join(kExample, 'src/main/ets/entryability/EntryAbility.ets'), 'utf8');
   assert.ok(ability.includes(`loadContent('${src[0]}')`));
+});
+
+test('the links of the documents lead to files; those of the package to published ones', () => {
+  const { stdout } = spawnSync('git', ['ls-files', '--cached', '--others', '--exclude-standard', '--', '*.md'], { cwd: kRoot, encoding: 'utf8' });
+  const documents = stdout.trim().split('\n');
+  assert.ok(documents.includes('README.md') && documents.includes('package/README.md'));
+  const unpublished = readFileSync(join(kPackage, '.ohpmignore'), 'utf8').split('\n').filter((line) => line.endsWith('/'));
+  for (const document of documents) {
+    for (const [, link] of readFileSync(join(kRoot, document), 'utf8').matchAll(/\]\(([^)#]+)[^)]*\)/g)) {
+      if (/^https?:/.test(link)) continue;
+      exists(kRoot, dirname(document), link);
+      const inPackage = relative(kPackage, join(kRoot, dirname(document), link));
+      const dead = inPackage.startsWith('..') || unpublished.some((folder) => inPackage.startsWith(folder));
+      assert.ok(!/^package\/[^/]+$/.test(document) || !dead, `${document}: ${link}`);
+    }
+  }
 });
