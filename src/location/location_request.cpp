@@ -12,8 +12,7 @@
 #include "crypto/sm4_padding.h"
 #include "location/https_exchange.h"
 #include "location/location_values.h"
-#include "protocol/checksum.hpp"
-#include "protocol/status_code.hpp"
+#include "protocol/frames.hpp"
 #include "util/byte_cursor.hpp"
 #include "util/secret.hpp"
 
@@ -43,7 +42,6 @@ constexpr uint32_t kLeastAnswerParameter = 8;
 constexpr uint8_t kAnswerType = 0xAA;
 constexpr size_t kLeastAnswer = 12;
 
-constexpr size_t kKeyLength = 16;
 constexpr size_t kBlockLength = 16;
 constexpr int32_t kModeCbc = 0;
 

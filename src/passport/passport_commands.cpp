@@ -4,6 +4,7 @@
 #include <array>
 #include <string_view>
 
+#include "protocol/command_frame.h"
 #include "protocol/result_report.h"
 #include "protocol/secret_frame.h"
 #include "protocol/session_values.hpp"

@@ -1,6 +1,6 @@
 #include "protocol/card_auth.h"
 
-#include "protocol/secret_frame.h"
+#include "protocol/card_auth.hpp"
 #include "protocol/session_values.hpp"
 #include "util/byte_cursor.hpp"
 #include "util/secret.hpp"
@@ -11,7 +11,6 @@ namespace {
 constexpr size_t kManagementLength = 32;
 constexpr size_t kShortAnswer = 8;
 constexpr size_t kLongAnswer = 18;
-constexpr size_t kSecretFraming = 32;
 constexpr size_t kLongestData = kRequestStartMax + 1 + kManagementLength;
 
 // INTERNAL AUTHENTICATE and EXTERNAL AUTHENTICATE for the server's 8 bytes.
@@ -53,50 +52,47 @@ bool write_later_data(ByteWriter& w, std::span<const uint8_t> card) {
 }
 
 }  // namespace
+
+int32_t build_card_auth(SessionConfig& cfg, std::span<const uint8_t> card, uint32_t command, WorkKey key,
+                        std::span<uint8_t> out) {
+  Secret<kLongestData> data;
+  ByteWriter w(data.bytes());
+  const bool written = command == kCardAuth1 ? write_first_data(w, cfg, card) : write_later_data(w, card);
+  return written ? build_secret_request({kHeaderIdentityCard, command}, w.written(), key, out) : TQ_FAILED;
+}
+
+int32_t take_card_command(std::span<const uint8_t> frame, uint32_t command, WorkKey key,
+                          std::span<uint8_t> out) {
+  const AnswerRule rule = answer_rule(command);
+  if (frame.size() < kLeastFrame || out.size() < rule.least_capacity) return TQ_FAILED;
+  ScratchBuffer secret(frame.size());
+  if (!secret) return TQ_FAILED;
+  const int32_t secret_len = open_frame(frame, {kHeaderIdentityCard, command}, key, secret.bytes());
+  if (secret_len < 0) return secret_len;
+  const auto plain = secret.bytes().first(static_cast<size_t>(secret_len));
+  const int32_t len = open_secret_frame(plain, rule.answer, plain);
+  if (len < 0) return len;
+  ByteWriter w(out);
+  w.bytes(rule.prefix);
+  w.bytes(plain.first(static_cast<size_t>(len)));
+  return w.ok() ? static_cast<int32_t>(w.size()) : TQ_FAILED;
+}
+
 }  // namespace tq
 
+// The names for callers from outside.
 extern "C" {
 
 int32_t input_auth_cmd_group(SessionConfig* cfg, const uint8_t* card, uint32_t cardLength, uint32_t command,
                              const uint8_t* workKey, uint8_t* out, uint32_t capacity) {
-  using namespace tq;
-  if (cfg == nullptr || card == nullptr || workKey == nullptr || out == nullptr) return TQ_FAILED;
-  Secret<kLongestData> data;
-  ByteWriter w(data.bytes());
-  const std::span<const uint8_t> answer(card, cardLength);
-  const bool written =
-      command == kCardAuth1 ? write_first_data(w, *cfg, answer) : write_later_data(w, answer);
-  if (!written) return TQ_FAILED;
-
-  Secret<kLongestData + kSecretFraming> secret;
-  const int32_t len =
-      input_secret_command_group(data.data(), static_cast<uint32_t>(w.size()), command, workKey,
-                                 secret.data(), static_cast<uint32_t>(w.size() + kSecretFraming));
-  if (len < 0) return TQ_FAILED;
-  return input_command_group(secret.data(), static_cast<uint32_t>(len), kHeaderIdentityCard, command,
-                             kFrameParameter, kTypePlain, out, capacity);
+  if (cfg == nullptr || card == nullptr || out == nullptr) return TQ_FAILED;
+  return tq::build_card_auth(*cfg, {card, cardLength}, command, tq::work_key_at(workKey), {out, capacity});
 }
 
 int32_t output_auth_cmd_analysis(const uint8_t* frame, uint32_t frameLength, uint32_t command,
                                  const uint8_t* workKey, uint8_t* out, uint32_t capacity) {
-  using namespace tq;
-  const AnswerRule rule = answer_rule(command);
-  if (frame == nullptr || out == nullptr || frameLength < kLeastFrame || capacity < rule.least_capacity)
-    return TQ_FAILED;
-  ScratchBuffer secret(frameLength);
-  if (!secret) return TQ_FAILED;
-  uint32_t parameter = 0;
-  const int32_t secret_len =
-      output_command_anlysis(frame, frameLength, kHeaderIdentityCard, command, &parameter, kTypePlain,
-                             workKey, secret.data(), frameLength);
-  if (secret_len < 0) return secret_len;
-  const int32_t len = output_secret_command_analysis(secret.data(), static_cast<uint32_t>(secret_len),
-                                                     rule.answer, secret.data(), frameLength);
-  if (len < 0) return len;
-  ByteWriter w({out, capacity});
-  w.bytes(rule.prefix);
-  w.bytes(secret.bytes().first(static_cast<size_t>(len)));
-  return w.ok() ? static_cast<int32_t>(w.size()) : TQ_FAILED;
+  if (frame == nullptr || out == nullptr) return TQ_FAILED;
+  return tq::take_card_command({frame, frameLength}, command, tq::work_key_at(workKey), {out, capacity});
 }
 
 }  // extern "C"

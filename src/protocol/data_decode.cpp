@@ -2,11 +2,8 @@
 
 #include <algorithm>
 
-#include "crypto/sm4_padding.h"
-#include "protocol/command_frame.h"
-#include "protocol/commands.hpp"
-#include "protocol/secret_frame.h"
-#include "protocol/secret_frame.hpp"
+#include "protocol/data_decode.hpp"
+#include "protocol/frames.hpp"
 #include "util/byte_cursor.hpp"
 #include "util/secret.hpp"
 
@@ -17,13 +14,6 @@ constexpr size_t kReservedLength = 64;
 constexpr size_t kFileMarks = 4;  // the two file identifiers
 constexpr size_t kSecretFraming = 10;
 constexpr size_t kTimingLength = 4;
-
-struct CardFiles {
-  std::span<const uint8_t> management;
-  std::span<const uint8_t> file6011;
-  std::span<const uint8_t> file6012;
-  std::span<const uint8_t> file6013;
-};
 
 bool takes_file_6013(uint32_t command) {
   return command == kDecodeFile6013;
@@ -66,31 +56,15 @@ void write_timing(ByteWriter& w, const TqTiming& timing) {
 }
 
 // The encrypted secret frame, in `room`. Returns its length, or TQ_FAILED.
-int32_t encrypted_frame(std::span<const uint8_t> data, uint32_t command, const TqTiming* timing,
-                        const uint8_t* work_key, std::span<uint8_t> room) {
+int32_t encrypted_frame(std::span<const uint8_t> data, uint32_t command, const TqTiming* timing, WorkKey key,
+                        std::span<uint8_t> room) {
   ByteWriter w(room.first(room.size() - kBlockPadding));
   write_secret_frame(w, command, data);
   if (command != kDecodeFiles) {
     if (timing == nullptr) return TQ_FAILED;
     write_timing(w, *timing);
   }
-  if (!w.ok()) return TQ_FAILED;
-  return TQ_sm4Encrypt(room.data(), static_cast<int32_t>(w.size()), work_key, 0, room.data());
-}
-
-int32_t build_request(const CardFiles& files, uint32_t command, const TqTiming* timing,
-                      const uint8_t* work_key, std::span<uint8_t> out) {
-  const size_t len = data_length(command);
-  ScratchBuffer data(len);
-  ScratchBuffer secret(len + kSecretFraming + kTimingLength + kBlockPadding);
-  if (!data || !secret) return TQ_FAILED;
-  ByteWriter w(data.bytes());
-  write_data(w, files, command);
-  if (!w.ok()) return TQ_FAILED;
-  const int32_t secret_len = encrypted_frame(w.written(), command, timing, work_key, secret.bytes());
-  if (secret_len < 0) return TQ_FAILED;
-  return input_command_group(secret.data(), static_cast<uint32_t>(secret_len), kHeaderIdentityCard, command,
-                             kFrameParameter, kTypePlain, out.data(), static_cast<uint32_t>(out.size()));
+  return w.ok() ? encrypt_in_place(room, w.size(), key) : TQ_FAILED;
 }
 
 std::span<const uint8_t> borrowed(const uint8_t* bytes, uint32_t len) {
@@ -98,8 +72,40 @@ std::span<const uint8_t> borrowed(const uint8_t* bytes, uint32_t len) {
 }
 
 }  // namespace
+
+int32_t build_decode_request(const CardFiles& files, uint32_t command, const TqTiming* timing, WorkKey key,
+                             std::span<uint8_t> out) {
+  if (!is_decode_command(command) || !sizes_match(files, command)) return TQ_FAILED;
+  const size_t len = data_length(command);
+  ScratchBuffer data(len);
+  ScratchBuffer secret(len + kSecretFraming + kTimingLength + kBlockPadding);
+  if (!data || !secret) return TQ_FAILED;
+  ByteWriter w(data.bytes());
+  write_data(w, files, command);
+  if (!w.ok()) return TQ_FAILED;
+  const int32_t secret_len = encrypted_frame(w.written(), command, timing, key, secret.bytes());
+  if (secret_len < 0) return TQ_FAILED;
+  return build_frame({kHeaderIdentityCard, command}, secret.bytes().first(static_cast<size_t>(secret_len)),
+                     out);
+}
+
+int32_t take_decoded(std::span<const uint8_t> frame, uint32_t command, WorkKey key, std::span<uint8_t> out) {
+  if (frame.size() < kLeastFrame) return TQ_FAILED;
+  ScratchBuffer payload(frame.size());
+  if (!payload) return TQ_FAILED;
+  const uint8_t type = command == kDecodeFiles ? kTypePlain : kTypeFlagged;
+  const int32_t len = open_frame(frame, {kHeaderIdentityCard, command, type}, key, payload.bytes());
+  if (len < 0) return len;
+  const auto plain = payload.bytes().first(static_cast<size_t>(len));
+  if (command == kDecodeFiles) return open_secret_frame(plain, command, out);
+  std::fill(out.begin(), out.end(), uint8_t{0});
+  static_cast<void>(copy_bytes(plain, out));
+  return len;
+}
+
 }  // namespace tq
 
+// The names for callers from outside.
 extern "C" {
 
 int32_t input_data_decode_group(const uint8_t* management, uint32_t managementLength, const uint8_t* file6011,
@@ -107,32 +113,17 @@ int32_t input_data_decode_group(const uint8_t* management, uint32_t managementLe
                                 const uint8_t* file6013, uint32_t file6013Length, uint32_t command,
                                 const uint8_t* workKey, uint8_t* out, uint32_t capacity,
                                 const TqTiming* timing) {
-  using namespace tq;
-  const CardFiles files{borrowed(management, managementLength), borrowed(file6011, file6011Length),
-                        borrowed(file6012, file6012Length), borrowed(file6013, file6013Length)};
-  if (workKey == nullptr || out == nullptr || !is_decode_command(command) || !sizes_match(files, command)) {
-    return TQ_FAILED;
-  }
-  return build_request(files, command, timing, workKey, {out, capacity});
+  if (out == nullptr) return TQ_FAILED;
+  const tq::CardFiles files{tq::borrowed(management, managementLength),
+                            tq::borrowed(file6011, file6011Length), tq::borrowed(file6012, file6012Length),
+                            tq::borrowed(file6013, file6013Length)};
+  return tq::build_decode_request(files, command, timing, tq::work_key_at(workKey), {out, capacity});
 }
 
 int32_t output_data_decode_analysis(const uint8_t* frame, uint32_t frameLength, uint32_t command,
                                     const uint8_t* workKey, uint8_t* out, uint32_t capacity) {
-  using namespace tq;
-  if (frame == nullptr || out == nullptr || frameLength < kLeastFrame) return TQ_FAILED;
-  ScratchBuffer payload(frameLength);
-  if (!payload) return TQ_FAILED;
-  uint32_t parameter = 0;
-  const uint8_t type = command == kDecodeFiles ? kTypePlain : kTypeFlagged;
-  const int32_t len = output_command_anlysis(frame, frameLength, kHeaderIdentityCard, command, &parameter,
-                                             type, workKey, payload.data(), frameLength);
-  if (len < 0) return len;
-  if (command == kDecodeFiles) {
-    return output_secret_command_analysis(payload.data(), static_cast<uint32_t>(len), command, out, capacity);
-  }
-  std::fill_n(out, capacity, uint8_t{0});
-  static_cast<void>(copy_bytes(payload.bytes().first(static_cast<size_t>(len)), {out, capacity}));
-  return len;
+  if (frame == nullptr || out == nullptr) return TQ_FAILED;
+  return tq::take_decoded({frame, frameLength}, command, tq::work_key_at(workKey), {out, capacity});
 }
 
 }  // extern "C"

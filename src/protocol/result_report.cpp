@@ -2,9 +2,10 @@
 
 #include <charconv>
 
+#include "protocol/result_report.hpp"
 #include "protocol/session_values.hpp"
 #include "util/byte_cursor.hpp"
-#include "util/hex.h"
+#include "util/hex.hpp"
 #include "util/secret.hpp"
 
 namespace tq {
@@ -47,15 +48,16 @@ bool take_tag(ByteReader& r, uint8_t tag, DecodedData& out) {
 }
 
 // A tag needs at least one byte behind it; a lone last byte is not looked at. An unknown tag ends the scan.
+// False for a length that runs past the end, and for a NUL in the text.
 bool scan_tags(std::span<const uint8_t> data, DecodedData& out) {
   ByteReader r(data);
   while (r.size() > 1) {
     uint8_t tag = 0;
     if (!r.u8(tag)) return false;
-    if (tag > kTagBackCardId) return true;
+    if (tag > kTagBackCardId) break;
     if (!take_tag(r, tag, out)) return false;
   }
-  return true;
+  return !has_nul(out.info);
 }
 
 void write_id_type(ByteWriter& w, uint8_t value) {
@@ -70,7 +72,7 @@ void write_id_type(ByteWriter& w, uint8_t value) {
 bool write_back_card_id(ByteWriter& w, std::span<const uint8_t> id) {
   ScratchBuffer hex(2 * id.size());
   if (!hex) return false;
-  bytesToHexString(id.data(), static_cast<uint32_t>(id.size()), reinterpret_cast<char*>(hex.data()));
+  write_hex(id, reinterpret_cast<char*>(hex.data()));
   w.bytes(as_bytes("\"backCardId\":\""));
   w.bytes(hex.bytes());
   w.bytes(as_bytes("\""));
@@ -128,39 +130,47 @@ int32_t deliver_raw(std::span<const uint8_t> data, info_data& result) {
 }
 
 }  // namespace
-}  // namespace tq
 
-extern "C" {
-
-int32_t result_info_data_parse(SessionConfig* cfg, const uint8_t* data, uint32_t length, info_data* result) {
-  using namespace tq;
-  if (cfg == nullptr || data == nullptr || length == 0 || result == nullptr) return TQ_RESPONSE_MALFORMED;
-  const std::span<const uint8_t> body(data + 1, length - 1);
+int32_t make_result(const SessionConfig& cfg, std::span<const uint8_t> delivered, info_data& result) {
+  if (delivered.empty()) return TQ_RESPONSE_MALFORMED;
+  const std::span<const uint8_t> body = delivered.subspan(1);
   DecodedData decoded;
-  switch (data[0]) {
+  switch (delivered[0]) {
     case kNoData:
-      return deliver_json(*cfg, decoded, *result);
+      return deliver_json(cfg, decoded, result);
     case kTaggedData:
-      return scan_tags(body, decoded) ? deliver_json(*cfg, decoded, *result)
-                                      : static_cast<int32_t>(TQ_RESPONSE_MALFORMED);
+      if (!scan_tags(body, decoded)) return TQ_RESPONSE_MALFORMED;
+      return deliver_json(cfg, decoded, result);
     case kRawData:
-      return deliver_raw(body, *result);
+      return deliver_raw(body, result);
     default:
       return TQ_RESPONSE_MALFORMED;
   }
 }
 
-void result_business_id_parse(SessionConfig* cfg, info_data* result) {
-  using namespace tq;
-  if (cfg == nullptr || result == nullptr) return;
+void make_business_id_result(const SessionConfig& cfg, info_data& result) {
   constexpr std::string_view kLabel = "tqbizid";
-  const std::string_view id = business_id(*cfg);
-  ScratchBuffer text(id.size() + 12);
+  const std::string_view id = business_id(cfg);
+  ScratchBuffer text(kLabel.size() + id.size() + 1);
   if (!text) return;
   ByteWriter w(text.bytes());
   w.bytes(as_bytes(kLabel));
   w.bytes(as_bytes(id));
-  deliver(text, w.size(), TQ_RESULT_TEXT, *result);
+  deliver(text, w.size(), TQ_RESULT_TEXT, result);
+}
+
+}  // namespace tq
+
+// The names for callers from outside.
+extern "C" {
+
+int32_t result_info_data_parse(SessionConfig* cfg, const uint8_t* data, uint32_t length, info_data* result) {
+  if (cfg == nullptr || data == nullptr || result == nullptr) return TQ_RESPONSE_MALFORMED;
+  return tq::make_result(*cfg, {data, length}, *result);
+}
+
+void result_business_id_parse(SessionConfig* cfg, info_data* result) {
+  if (cfg != nullptr && result != nullptr) tq::make_business_id_result(*cfg, *result);
 }
 
 }  // extern "C"

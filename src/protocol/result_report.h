@@ -10,7 +10,7 @@ TQ_BEGIN_C
 
 /* Fills `result` from the delivered bytes of 0x6102 or 0x6113, flag byte first: 0 gives the business id
    alone, 1 the identity as JSON, 2 the raw bytes. Returns TQ_OK, or TQ_RESPONSE_MALFORMED for any other flag,
-   a length that runs past the end, or lack of memory; then `result` is untouched. */
+   a length that runs past the end, a NUL in the text, or lack of memory; then `result` is untouched. */
 TQ_API int32_t result_info_data_parse(SessionConfig* cfg, const uint8_t* data, uint32_t length,
                                       info_data* result);
 

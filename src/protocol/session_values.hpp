@@ -4,15 +4,15 @@
 #include <array>
 #include <cstdint>
 #include <span>
-#include <string_view>
 
+#include "core/config/business_id.hpp"
 #include "core/config/device_values.h"
 #include "core/config/host_clock.hpp"
+#include "core/config/random_draw.hpp"
 #include "core/config/session_config.h"
-#include "protocol/checksum.hpp"
-#include "protocol/commands.hpp"
+#include "protocol/frames.hpp"
 #include "util/byte_cursor.hpp"
-#include "util/memory.h"
+#include "util/text.hpp"
 
 namespace tq {
 
@@ -46,13 +46,13 @@ class DeviceId {
 };
 
 // What the first card command of a read starts with: random bytes, the device id and the modes. False when
-// the device id is too long.
+// the device id is too long or the system has no random bytes.
 constexpr size_t kRequestStartMax = 4 + 1 + TQ_DEVICE_ID_MAX + 3;
 inline bool write_request_start(ByteWriter& w, SessionConfig& cfg) {
   const DeviceId device(cfg);
   if (!device.fits()) return false;
   std::array<uint8_t, 4> random{};
-  create_rand_number(&cfg, random.data(), static_cast<int32_t>(random.size()));
+  if (!draw_random(cfg, random)) return false;
   const auto nibbles = [](unsigned high, unsigned low) { return high << 4 | (low & 0x0F); };
   w.bytes(random);
   w.u8(static_cast<unsigned>(device.bytes().size()));
@@ -61,20 +61,6 @@ inline bool write_request_start(ByteWriter& w, SessionConfig& cfg) {
   w.u8(nibbles(cfg.frameFlag, cfg.queryInfo[0]));
   w.u8(nibbles(cfg.queryInfo[1], cfg.queryInfo[2]));
   return w.ok();
-}
-
-// The business id of the running read, empty before the server gave one.
-inline std::string_view business_id(const SessionConfig& cfg) {
-  return cfg.readBuffer == nullptr ? std::string_view{} : reinterpret_cast<const char*>(cfg.readBuffer);
-}
-
-inline void release_business_id(SessionConfig& cfg) {
-  tq_mem_free(cfg.readBuffer);
-  cfg.readBuffer = nullptr;
-}
-
-inline std::span<const uint8_t> as_bytes(std::string_view text) {
-  return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
 }
 
 }  // namespace tq

@@ -3,15 +3,13 @@
 #include <algorithm>
 #include <cstring>
 
+#include "util/text.hpp"
+
 namespace {
 
 constexpr char kNothing[] = "";
 constexpr int32_t kMinRadix = 2;
 constexpr int32_t kMaxRadix = 36;
-
-bool is_blank(char c) {
-  return c == ' ' || c == '\t';
-}
 
 }  // namespace
 
@@ -76,11 +74,11 @@ int32_t my_atoi(const char* s) {
 
 char* my_trim(char* s) {
   if (s == nullptr) return s;
-  while (is_blank(*s)) ++s;
-  char* end = s + std::strlen(s);
-  while (end != s && is_blank(end[-1])) --end;
+  const std::string_view kept = tq::trimmed(s);
+  char* const start = s + (kept.data() - s);
+  char* const end = start + kept.size();
   if (*end != '\0') *end = '\0';  // a text without trailing blanks may be read-only
-  return s;
+  return start;
 }
 
 char* my_itoa(int64_t value, char* dst, int32_t radix) {

@@ -91,12 +91,12 @@ export function readDeviceId(persona, r) {
   return r.expectIfKnown('device id', wanted, length).toString('utf8');
 }
 
-/** With a record of the host's clock readings, the reader's random bytes can be checked too. */
+/** With a record of the host's clock readings, it can be told whether the clock gives the reader's random bytes away. */
 export function checkHostRandom(session, what, bytes) {
   const times = session.config.hostTimes?.();
   if (!times) return;
-  if (!times.some((time) => hostRandom(time, bytes.length).equals(bytes))) {
-    throw new Difference(session.at, what, 'made from one of the host\'s clock readings', hex(bytes));
+  if (times.some((time) => hostRandom(time, bytes.length).equals(bytes))) {
+    throw new Difference(session.at, what, 'more than the host\'s clock gives away', hex(bytes));
   }
 }
 

@@ -26,7 +26,7 @@ const DEFAULTS = {
   person: SPECIMEN_PERSON, // who is decoded
   answers: {}, //       other answers of '0x6002', '0x6102', '0x6113' and '0x7202', see decode-commands.mjs
   path: undefined, //   'fast' or 'slow': the way of card authentication that the reader must take
-  hostTimes: undefined, // () => all readings of the host's clock so far; makes the reader's random bytes checkable
+  hostTimes: undefined, // () => all readings of the host's clock so far; none of them may give the reader's random bytes away
   monitorText: 'exact', // 'record': other spacing will do; 'any': not looked at
   delay: 0, //          milliseconds before every answer
   rules: [], //         misbehaviour, see misbehaviour.mjs

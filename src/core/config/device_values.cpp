@@ -4,7 +4,30 @@
 #include <cstddef>
 #include <cstring>
 
+#include "core/config/host_clock.hpp"
+#include "core/config/random_draw.hpp"
+#include "util/secret.hpp"
+#include "util/system_random.hpp"
 #include "util/time_seeded_bytes.hpp"
+
+namespace tq {
+
+bool draw_random(SessionConfig& cfg, std::span<uint8_t> out) {
+  fill_time_seeded(host_time(cfg), out);
+  Secret<32> unguessable;
+  for (std::span<uint8_t> left = out; !left.empty();) {
+    const auto piece = unguessable.bytes().first(std::min(left.size(), unguessable.size()));
+    if (!system_random(piece)) {
+      wipe(out);
+      return false;
+    }
+    for (size_t i = 0; i < piece.size(); ++i) left[i] = static_cast<uint8_t>(left[i] ^ piece[i]);
+    left = left.subspan(piece.size());
+  }
+  return true;
+}
+
+}  // namespace tq
 
 extern "C" {
 
@@ -22,7 +45,7 @@ int32_t tq_get_device_id(const SessionConfig* cfg, char* dst, uint32_t capacity)
 }
 
 int64_t create_rand_number(SessionConfig* cfg, uint8_t* dst, int32_t n) {
-  const int64_t now = cfg == nullptr || cfg->timestampCallback == nullptr ? 0 : cfg->timestampCallback();
+  const int64_t now = cfg == nullptr ? 0 : tq::host_time(*cfg);
   if (dst != nullptr && n > 0) tq::fill_time_seeded(now, {dst, static_cast<size_t>(n)});
   return now;
 }

@@ -5,8 +5,10 @@
 #include <cstring>
 #include <iterator>
 
+#include "core/config/environment.hpp"
 #include "core/config/text_checks.h"
 #include "crypto/sm3.h"
+#include "util/text.hpp"
 
 namespace {
 
@@ -18,15 +20,7 @@ bool is_flag(int32_t value) {
   return value == 0 || value == 1;
 }
 
-bool is_environment(int32_t code) {
-  return code == TQ_ENVIRONMENT_A || code == TQ_ENVIRONMENT_B || code == TQ_ENVIRONMENT_C;
-}
-
-bool is_empty(const char* text) {
-  return text == nullptr || *text == '\0';
-}
-
-int32_t record(SessionConfig& cfg, int32_t code) {
+int32_t record_code(SessionConfig& cfg, int32_t code) {
   cfg.lastError = code;
   return code;
 }
@@ -45,12 +39,12 @@ int32_t store_callback(SessionConfig& cfg, Function fn, Function& slot, auto& is
 
 int32_t store_serial_number(SessionConfig& cfg, const char* text, char (&slot)[TQ_DEVICE_ID_MAX]) {
   std::fill(std::begin(slot), std::end(slot), '\0');
-  return SN_check(text, slot) < 0 ? record(cfg, TQ_BAD_SERIAL_NUMBER) : TQ_OK;
+  return SN_check(text, slot) < 0 ? record_code(cfg, TQ_BAD_SERIAL_NUMBER) : TQ_OK;
 }
 
 void store_package_digest(SessionConfig& cfg, const char* package_name) {
   cfg.packageDigestSet = 0;
-  if (is_empty(package_name)) return;
+  if (tq::is_empty(package_name)) return;
   TQ_sm3(reinterpret_cast<const uint8_t*>(package_name), static_cast<int32_t>(std::strlen(package_name)),
          cfg.packageDigest);
   cfg.packageDigestSet = 1;
@@ -59,9 +53,9 @@ void store_package_digest(SessionConfig& cfg, const char* package_name) {
 int32_t store_server(SessionConfig& cfg, const char* ip, int32_t port) {
   std::fill(std::begin(cfg.ip), std::end(cfg.ip), '\0');
   const size_t len = ip == nullptr ? 0 : std::strlen(ip);
-  if (len >= sizeof cfg.ip) return record(cfg, TQ_OUT_OF_RANGE);
+  if (len >= sizeof cfg.ip) return record_code(cfg, TQ_OUT_OF_RANGE);
   std::copy_n(ip, len, cfg.ip);
-  if (port < 0 || port >= kPortLimit) return record(cfg, TQ_OUT_OF_RANGE);
+  if (port < 0 || port >= kPortLimit) return record_code(cfg, TQ_OUT_OF_RANGE);
   cfg.port = static_cast<uint16_t>(port);
   return TQ_OK;
 }
@@ -77,15 +71,15 @@ int32_t share_init(SessionConfig* cfg, const char* appid, int32_t readChunkSize,
   if (cfg == nullptr) return TQ_MISSING_CALL;
   cfg->initDone = 0;
   std::fill(std::begin(cfg->appid), std::end(cfg->appid), uint8_t{0});
-  if (int32_t rc = appid_check(appid, cfg->appid); rc < 0) return record(*cfg, rc);
+  if (int32_t rc = appid_check(appid, cfg->appid); rc < 0) return record_code(*cfg, rc);
   if (int32_t rc = store_serial_number(*cfg, sn1, cfg->sn1); rc < 0) return rc;
   if (int32_t rc = store_serial_number(*cfg, sn2, cfg->sn2); rc < 0) return rc;
   if (int32_t rc = store_serial_number(*cfg, sn3, cfg->sn3); rc < 0) return rc;
 
   const bool in_range = is_flag(decodeMode) && is_flag(frameFlag) && readChunkSize >= 1 &&
                         readChunkSize <= kMaxChunkSize && (mode == 1 || mode == 2) && logLevel >= 0 &&
-                        logLevel <= kMaxLogLevel && is_environment(envIdCode);
-  if (!in_range) return record(*cfg, TQ_OUT_OF_RANGE);
+                        logLevel <= kMaxLogLevel && tq::is_environment(envIdCode);
+  if (!in_range) return record_code(*cfg, TQ_OUT_OF_RANGE);
 
   std::fill(std::begin(cfg->lastCommand), std::end(cfg->lastCommand), uint8_t{0});
   cfg->lastCommandLength = 0;
@@ -105,7 +99,7 @@ int32_t share_init(SessionConfig* cfg, const char* appid, int32_t readChunkSize,
   cfg->queryInfo[1] = 0;
   cfg->queryInfo[2] = 0;
   cfg->initDone = 1;
-  return record(*cfg, TQ_OK);
+  return record_code(*cfg, TQ_OK);
 }
 
 int32_t share_set_reqid_version(SessionConfig* cfg, int32_t version) {
@@ -147,14 +141,14 @@ int32_t check_function_call(SessionConfig* cfg) {
 
 int32_t share_setQueryInfoParameterWithCardInfoState(SessionConfig* cfg, uint32_t a, uint32_t b, uint32_t c) {
   if (cfg == nullptr) return TQ_MISSING_CALL;
-  if (cfg->initDone != 1) return record(*cfg, TQ_MISSING_CALL);
+  if (cfg->initDone != 1) return record_code(*cfg, TQ_MISSING_CALL);
   cfg->queryInfoPending = 1;
-  if (a >= 3 || b >= 2 || c >= 2) return record(*cfg, TQ_OUT_OF_RANGE);
+  if (a >= 3 || b >= 2 || c >= 2) return record_code(*cfg, TQ_OUT_OF_RANGE);
   if (cfg->readMode == 1) {
-    if (a == 0) return record(*cfg, TQ_QUERY_INFO_WITHOUT_A);
-    if (c == 1) return record(*cfg, TQ_QUERY_INFO_WITH_C);
+    if (a == 0) return record_code(*cfg, TQ_QUERY_INFO_WITHOUT_A);
+    if (c == 1) return record_code(*cfg, TQ_QUERY_INFO_WITH_C);
   } else if (a != 0 && c == 1) {
-    return record(*cfg, TQ_QUERY_INFO_A_AND_C);
+    return record_code(*cfg, TQ_QUERY_INFO_A_AND_C);
   }
   cfg->queryInfo[0] = static_cast<uint8_t>(a);
   cfg->queryInfo[1] = static_cast<uint8_t>(b);

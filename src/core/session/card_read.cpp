@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "core/config/business_id.hpp"
 #include "util/diagnostics.h"
 #include "util/secret.hpp"
 
@@ -16,7 +17,7 @@ CardRead::~CardRead() {
 
 void CardRead::begin() {
   start_time_ = now();
-  cfg_.readBuffer = nullptr;
+  disown_business_id(cfg_);
   std::fill(std::begin(cfg_.lastCommand), std::end(cfg_.lastCommand), uint8_t{0});
   cfg_.lastCommandLength = 0;
 }

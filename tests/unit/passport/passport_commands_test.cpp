@@ -27,6 +27,7 @@ struct Table {
 };
 
 TEST(PassportCommands, StartByteForByte) {
+  const WithSystemRandom zeros(SystemRandom::kZeros);
   for (const size_t device : {0, 19, 68, 69}) {
     SessionConfig cfg = config_with_device(device);
     cfg.readMode = 1;

@@ -10,6 +10,7 @@ namespace {
 using namespace test;
 
 TEST(CardAuth, SizesOfDeviceIdAndCardData) {
+  const WithSystemRandom zeros(SystemRandom::kZeros);
   const auto expect_request = [](size_t device, uint32_t command, const Bytes& card, const Bytes& data) {
     SessionConfig cfg = config_with_device(device);
     expect_built(

@@ -72,6 +72,7 @@ TEST(ResultReport, Tags) {
       {"bytes", "02 207B", "  {"},
       {"no bytes", "02", " "},
       {"flag 255", "FF", ""},
+      {"NUL in the text", "01 01 01 02 7B00", ""},
   };
   for (const auto& c : cases) EXPECT_EQ(parse(from_hex(c.bytes)), c.text) << c.name;
   std::string back_text;

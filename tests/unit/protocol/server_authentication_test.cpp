@@ -6,6 +6,17 @@
 #include "protocol/server_peer.hpp"
 #include "util/memory.h"
 
+test::SystemRandom test::g_system_random = SystemRandom::kReal;
+
+extern "C" ssize_t __real_getrandom(void* out, size_t n, unsigned flags);
+extern "C" ssize_t __wrap_getrandom(void* out, size_t n, unsigned flags);
+ssize_t __wrap_getrandom(void* out, size_t n, unsigned flags) {
+  if (test::g_system_random == test::SystemRandom::kReal) return __real_getrandom(out, n, flags);
+  if (test::g_system_random == test::SystemRandom::kNone) return -1;
+  std::memset(out, 0, n);
+  return static_cast<ssize_t>(n);
+}
+
 namespace {
 
 using namespace test;
@@ -59,7 +70,19 @@ TEST(ServerAuthentication, RequestByteForByte) {
         seal(summed(c.auth_mode == 0 ? full : compact, 0), kRandomNow, folded_vector(kRandomNow));
     const Bytes envelope =
         seal(summed(from_hex("0013") + kRandomNow, 0), kKeys[c.key].key, folded_vector(kKeys[c.key].key));
-    Bytes scratch(512), work_key(32);
+    Bytes scratch(512), work_key(32), spare(512);
+    const auto build = [&] {
+      return input_7500_group(&cfg, scratch.data(), work_key.data(), kStick.data(), spare.data(), 512);
+    };
+    if (c.device_length <= 68) {
+      EXPECT_GT(build(), 0);
+      EXPECT_NE(hex(work_key), hex(kRandomNow + folded_vector(kRandomNow))) << "the clock alone is no secret";
+    }
+    {
+      const WithSystemRandom none(SystemRandom::kNone);
+      EXPECT_EQ(build(), -1);
+    }
+    const WithSystemRandom zeros(SystemRandom::kZeros);
     expect_built(
         [&](uint8_t* out, uint32_t room) {
           return input_7500_group(&cfg, scratch.data(), work_key.data(), kStick.data(), out, room);
@@ -142,6 +165,7 @@ TEST(ServerAuthentication, DamagedAnswers) {
       {"only a key", answer_frame(seal(summed(be(19, 2) + Bytes(16, 1), 0)))},
       {"id past the end", answer_frame(seal(id_too_long))},
       {"empty block", answer_frame(seal({}))},
+      {"NUL in the business id", answer_frame(seal(answer_block({'B', 0, 'Z'}, 0x10)))},
   };
   for (const auto& c : cases) {
     const Answer a = read_answer(c.frame);

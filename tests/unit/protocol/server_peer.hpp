@@ -70,6 +70,16 @@ inline constexpr int64_t kNow = 1'700'000'123'456;
 // What the pseudo-random generator makes of kNow, worked out apart from the library.
 inline const Bytes kRandomNow = from_hex("207BCDCF38DF80EC3F3894AAC023B88B");
 
+// What the system's random bytes are while one of these lives; zeros leave what they are added to as it is.
+enum class SystemRandom { kReal, kZeros, kNone };
+extern SystemRandom g_system_random;
+struct WithSystemRandom {
+  explicit WithSystemRandom(SystemRandom kind) { g_system_random = kind; }
+  ~WithSystemRandom() { g_system_random = SystemRandom::kReal; }
+  WithSystemRandom(const WithSystemRandom&) = delete;
+  WithSystemRandom& operator=(const WithSystemRandom&) = delete;
+};
+
 // A configuration whose device identifier has this length.
 inline SessionConfig config_with_device(size_t device_length) {
   SessionConfig cfg{};
