@@ -1,33 +1,52 @@
-// The JSON scanner. The input is a key, a zero byte and a text.
+// The JSON scanner, with its two sorts of values. The input is a key, a zero byte and a text.
+#include "protocol/json_scan.h"
+
 #include <algorithm>
+#include <optional>
+#include <string>
 
 #include "harness.hpp"
-#include "protocol/json_scan.h"
+
+namespace {
+
+// The value of the key, by the same rules.
+std::optional<std::string> value_in(const std::string& text, const std::string& key, bool braced_too) {
+  const size_t at = key.empty() ? std::string::npos : text.find(key);
+  if (at == std::string::npos || at == 0 || text[at - 1] != '"') return std::nullopt;
+  const size_t from = at + key.size() + 2;
+  if (text.compare(at + key.size(), 2, "\":") != 0 || from == text.size()) return std::nullopt;
+  const bool quoted = text[from] == '"';
+  if (!quoted && (text[from] != '{' || !braced_too)) return std::nullopt;
+  const size_t end = text.find(quoted ? '"' : '}', from + 1);
+  if (end == std::string::npos) return std::nullopt;
+  return quoted ? text.substr(from + 1, end - from - 1) : text.substr(from, end - from + 1);
+}
+
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace fuzz;
-  // The input with a NUL behind it, cut into exact blocks.
-  Bytes input(data, data + size);
-  input.push_back('\0');
-  const auto key_end = std::find(input.begin(), input.end(), uint8_t{0}) + 1;
-  Block key(View(input).first(static_cast<size_t>(key_end - input.begin())));
-  Bytes rest(key_end, input.end());
-  rest.push_back('\0');
-  Block text(View(rest).first(
-      static_cast<size_t>(std::find(rest.begin(), rest.end(), uint8_t{0}) - rest.begin()) + 1));
+  const std::string input(reinterpret_cast<const char*>(data), size);
+  const std::string key = input.c_str();
+  const std::string text = input.substr(std::min(key.size() + 1, input.size())).c_str();
+  const auto with_nul = [](const std::string& s) {
+    return View(reinterpret_cast<const uint8_t*>(s.c_str()), s.size() + 1);
+  };
+  Block exact_key(with_nul(key));
+  Block exact_text(with_nul(text));
+  const auto* as_key = reinterpret_cast<const char*>(exact_key.data());
+  const auto* as_text = reinterpret_cast<const char*>(exact_text.data());
 
-  const auto* as_text = reinterpret_cast<const char*>(text.data());
-  const auto* as_key = reinterpret_cast<const char*>(key.data());
-  Block out(text.size());  // no value is longer than its text
-  auto* value = reinterpret_cast<char*>(out.data());
-  const int32_t rc = json_get_value(as_text, as_key, value);
-  require(rc == TQ_OK || rc == TQ_FAILED);
-  require(rc == TQ_OK || value[0] == '\0');
-  require(std::strlen(value) < text.size());
-  if (rc == TQ_OK) require(std::strstr(as_text, value) != nullptr && std::strchr(as_text, ':') != nullptr);
-  const int32_t check = json_check(as_text);
-  require((check == TQ_OK) ==
-          (text.size() >= 2 && text.data()[0] == '{' && text.data()[text.size() - 2] == '}'));
-  require((json_check_value(as_text, as_key) == TQ_OK) == (std::strcmp(as_text, as_key) == 0));
+  for (const bool braced_too : {false, true}) {
+    Block out(exact_text.size());  // no value is longer than its text
+    auto* value = reinterpret_cast<char*>(out.data());
+    const int32_t rc = (braced_too ? json_get_value : scp_json_get_value)(as_text, as_key, value);
+    const std::optional<std::string> wanted = value_in(text, key, braced_too);
+    require(wanted ? rc == TQ_OK && value == *wanted : rc == TQ_FAILED && value[0] == '\0');
+  }
+  const bool braced = !text.empty() && text.front() == '{' && text.back() == '}';
+  require((json_check(as_text) == TQ_OK) == braced && (scp_json_check(as_text) == TQ_OK) == braced);
+  require((json_check_value(as_text, as_key) == TQ_OK) == (text == key));
+  require((scp_json_check_value(as_text, as_key) == TQ_OK) == (text == key));
   return 0;
 }

@@ -63,6 +63,8 @@ const kSeeds = {
     quoted: text('key\0{"other":"x","key":"value"}'),
     braced: text('key\0{"key":{"inner":"value"}}'),
     spaced: text('key\0{"key": "value"}'),
+    elsewhere: text('key\0{"other":"key","key":"value"}'),
+    empty: text('key\0{"key":""}'),
   },
   card_relay: {
     data: `FF ${kEight} 9000`,

@@ -52,12 +52,6 @@ const kSeeds = {
     three: ['02 01', hex('010203 0D0D0D0D0D0D0D0D0D0D0D0D0D')],
     one: ['02 02', hex('00 0F0F0F0F0F0F0F0F0F0F0F0F0F0F0F')],
   },
-  scp_json: {
-    data: ['', text(`data\0${locationBody}`)],
-    session: ['', text(`sessionId\0${locationBody}`)],
-    spaced: ['', text('key\0{"key": "value"}')],
-    elsewhere: ['', text('key\0{"other":"key","key":"value"}')],
-  },
   tls_record: {
     messages: ['00 FF FF', clear(tlsRecord('16', text('one'), '0301'), tlsRecord('16', text('two')))],
     pieces: ['01 00 00', clear(tlsRecord('16', text('handshake')), tlsRecord('14', hex('01')), tlsRecord('17', text('data')))],

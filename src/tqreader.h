@@ -20,7 +20,6 @@
 #include "location/location_request.h"
 #include "location/location_values.h"
 #include "location/scp_context.h"
-#include "location/scp_json.h"
 #include "passport/access_control.h"
 #include "passport/asn1_reader.h"
 #include "passport/data_groups.h"

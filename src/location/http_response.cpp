@@ -17,12 +17,8 @@ constexpr size_t kLeastComplete = 6;
 constexpr size_t kFirstCapacity = 2 * ResponseText::kLargestPiece;
 constexpr size_t kLongestSizeLine = 8191;
 
-bool starts_with(std::string_view text, std::string_view start) {
-  return text.substr(0, start.size()) == start;
-}
-
 // A letter's value is its place in the alphabet plus 10, beyond f as well; anything else is no digit.
-bool digit_value(char c, size_t& value) {
+bool chunk_digit(char c, size_t& value) {
   if (c >= '0' && c <= '9') {
     value = static_cast<size_t>(c - '0');
   } else if (c >= 'a' && c <= 'z') {
@@ -37,10 +33,10 @@ bool digit_value(char c, size_t& value) {
 
 // The number at the start of a chunk-size line, or something above `limit`.
 size_t chunk_size(std::string_view line, size_t limit) {
-  if (starts_with(line, "0x") || starts_with(line, "0X")) line.remove_prefix(2);
+  if (line.starts_with("0x") || line.starts_with("0X")) line.remove_prefix(2);
   size_t size = 0;
   size_t digit = 0;
-  for (size_t i = 0; i < line.size() && size <= limit && digit_value(line[i], digit); ++i) {
+  for (size_t i = 0; i < line.size() && size <= limit && chunk_digit(line[i], digit); ++i) {
     size = size * 16 + digit;
   }
   return size;
@@ -55,7 +51,7 @@ bool take_chunk(std::string_view& rest, std::string_view& data) {
   if (size > rest.size()) return false;
   data = rest.substr(0, size);
   rest.remove_prefix(size);
-  if (!starts_with(rest, kLineEnd)) return false;
+  if (!rest.starts_with(kLineEnd)) return false;
   rest.remove_prefix(kLineEnd.size());
   return true;
 }
@@ -95,7 +91,7 @@ void ResponseText::add(size_t num_bytes) {
 
 bool ResponseText::complete() const {
   const std::string_view all = text();
-  return all.size() >= kLeastComplete && all.substr(all.size() - kEndMarker.size()) == kEndMarker;
+  return all.size() >= kLeastComplete && all.ends_with(kEndMarker);
 }
 
 int32_t decode_chunked_body(std::string_view text, std::span<char> body) {
@@ -104,7 +100,7 @@ int32_t decode_chunked_body(std::string_view text, std::span<char> body) {
   // There is one: the marker ends like this, too.
   std::string_view rest = text.substr(text.find(kHeaderEnd) + kHeaderEnd.size());
   size_t len = 0;
-  while (!starts_with(rest, kEndMarker)) {
+  while (!rest.starts_with(kEndMarker)) {
     std::string_view data;
     if (!take_chunk(rest, data) || data.size() > body.size() - len) return TQ_FAILED;
     std::copy(data.begin(), data.end(), body.begin() + static_cast<ptrdiff_t>(len));

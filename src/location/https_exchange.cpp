@@ -1,19 +1,21 @@
 #include "location/https_exchange.h"
 
 #include <algorithm>
-#include <cstdarg>
-#include <cstdio>
-#include <cstring>
+#include <array>
+#include <charconv>
 #include <limits>
+#include <optional>
 #include <span>
 #include <string_view>
 
+#include "location/answer_id.hpp"
 #include "location/http_response.hpp"
-#include "location/scp_json.h"
-#include "location/session_id.hpp"
+#include "location/https_exchange.hpp"
 #include "net/ipv4.hpp"
+#include "protocol/json_scan.hpp"
 #include "tls/ssl.h"
 #include "util/base64.h"
+#include "util/byte_cursor.hpp"
 #include "util/diagnostics.h"
 #include "util/secret.hpp"
 
@@ -21,23 +23,27 @@ namespace tq {
 namespace {
 
 constexpr int64_t kExchangeLimitMs = 30'000;
-constexpr uint32_t kLongestRequest = 1 << 20;
-constexpr char kPath[] = "/orvoCloud/nfc/getPlace";
+constexpr size_t kLongestRequest = 1 << 20;
+constexpr std::string_view kPath = "/orvoCloud/nfc/getPlace";
 constexpr size_t kHttpHeaderRoom = 256;
 constexpr uint32_t kLogHex = 2;
 
 // Nothing here needs a destructor: the thread may be on its way out.
-constinit thread_local SessionIdStore t_session_id{};
+constinit thread_local AnswerId t_answer_id{};
 
 // 1.7 times the request and what goes around it, as Base64 and JSON need it.
-constexpr size_t room_for(uint32_t request_len, size_t around) {
-  return size_t{17} * request_len / 10 + around;
+constexpr size_t room_for(size_t request_len, size_t around) {
+  return 17 * request_len / 10 + around;
 }
-constexpr size_t text_room(uint32_t request_len) {
+constexpr size_t text_room(size_t request_len) {
   return room_for(request_len, 32);
 }
-constexpr size_t body_room(uint32_t request_len) {
+constexpr size_t body_room(size_t request_len) {
   return room_for(request_len, 256);
+}
+
+std::span<const uint8_t> as_bytes(std::string_view text) {
+  return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
 }
 
 char* chars(ScratchBuffer& buffer) {
@@ -67,13 +73,10 @@ class TlsConnection {
     return SSL_set_fd(ssl_, socket_.fd()) == 1 && SSL_connect(ssl_) >= 1;
   }
 
-  [[nodiscard]] bool write_all(std::string_view text) {
-    while (!text.empty()) {
-      const int written = SSL_write(ssl_, text.data(), static_cast<int>(text.size()));
-      if (written <= 0) return false;
-      text.remove_prefix(static_cast<size_t>(written));
-    }
-    return true;
+  // SSL_write takes all or fails.
+  [[nodiscard]] bool write_all(std::span<const uint8_t> bytes) {
+    const int len = static_cast<int>(bytes.size());
+    return SSL_write(ssl_, bytes.data(), len) == len;
   }
 
   // Bytes read, 0 or less at the end or on an error.
@@ -92,42 +95,57 @@ class TlsConnection {
   SSL* ssl_ = nullptr;
 };
 
-// Formats into a zeroed buffer; false when the text does not fit with its NUL.
-__attribute__((format(printf, 2, 3))) bool format_text(ScratchBuffer& out, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  const int len = std::vsnprintf(chars(out), out.size(), format, args);
-  va_end(args);
-  return len >= 0 && static_cast<size_t>(len) < out.size();
+void put(ByteWriter& w, std::string_view text) {
+  w.bytes(as_bytes(text));
 }
 
-// The JSON body around a request. The session id of the last answer is forgotten first, so it always goes out
-// empty: the server wants it so.
-bool format_body(std::span<const uint8_t> request, ScratchBuffer& out) {
-  const auto len = static_cast<uint32_t>(request.size());
-  ScratchBuffer text(text_room(len));
-  if (!text || !out) return false;
-  scpBASE64encode(request.data(), static_cast<int32_t>(len), chars(text), static_cast<int32_t>(text.size()));
-  t_session_id.fill('\0');
-  return format_text(out, "{\"data\":\"%s\",\"sessionId\":\"%s\"}", chars(text), t_session_id.data());
+void put(ByteWriter& w, int number) {
+  std::array<char, 12> digits;
+  const char* const end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
+  put(w, {digits.data(), static_cast<size_t>(end - digits.data())});
 }
 
-bool format_post(const ScpContext& context, const char* body, ScratchBuffer& out) {
-  return out &&
-         format_text(out,
-                     "POST %s HTTP/1.1\r\nHOST: %s:%d\r\nAccept: */*\r\nContent-Type:application/json\r\n"
-                     "Content-Length: %d\r\n\r\n%s",
-                     kPath, context.host, static_cast<int>(context.port), static_cast<int>(std::strlen(body)),
-                     body);
+// The JSON body around a request. What the last answer said is forgotten first, so the member sessionId
+// always goes out empty: the server wants it so.
+[[nodiscard]] bool write_body(ByteWriter& w, std::span<const uint8_t> request) {
+  ScratchBuffer text(text_room(request.size()));
+  if (!text) return false;
+  const int32_t text_len = scpBASE64encode(request.data(), static_cast<int32_t>(request.size()), chars(text),
+                                           static_cast<int32_t>(text.size()));
+  t_answer_id.fill('\0');
+  put(w, R"({"data":")");
+  put(w, {chars(text), static_cast<size_t>(text_len)});
+  put(w, R"(","sessionId":")");
+  put(w, t_answer_id.data());
+  put(w, R"("})");
+  return w.ok();
+}
+
+[[nodiscard]] bool write_post(ByteWriter& w, const ScpContext& context, std::span<const uint8_t> body) {
+  put(w, "POST ");
+  put(w, kPath);
+  put(w, " HTTP/1.1\r\nHOST: ");
+  put(w, context.host);
+  put(w, ":");
+  put(w, static_cast<int>(context.port));
+  put(w, "\r\nAccept: */*\r\nContent-Type:application/json\r\nContent-Length: ");
+  put(w, static_cast<int>(body.size()));
+  put(w, "\r\n\r\n");
+  w.bytes(body);
+  return w.ok();
 }
 
 // One connection for one request and its response.
-bool fetch(const ScpContext& context, const char* body, ResponseText& response) {
+bool fetch(const ScpContext& context, std::span<const uint8_t> request, ResponseText& response) {
   const auto limit = net::Deadline::in(kExchangeLimitMs);
-  ScratchBuffer post(std::strlen(body) + kHttpHeaderRoom);
-  if (!format_post(context, body, post)) return false;
+  ScratchBuffer body(body_room(request.size()));
+  ScratchBuffer post(body.size() + kHttpHeaderRoom);
+  ByteWriter body_text(body.bytes());
+  ByteWriter post_text(post.bytes());
+  if (!write_body(body_text, request) || !write_post(post_text, context, body_text.written())) return false;
   TlsConnection connection(context.host, context.port, limit);
-  if (!connection.shake_hands(context.host, limit) || !connection.write_all(chars(post))) return false;
+  if (!connection.shake_hands(context.host, limit) || !connection.write_all(post_text.written()))
+    return false;
   bool first = true;
   while (!response.complete()) {
     const std::span<uint8_t> room = response.room();
@@ -144,52 +162,54 @@ bool fetch(const ScpContext& context, const char* body, ResponseText& response) 
   return true;
 }
 
-// Takes the members of a response's body; the session id is kept.
-bool read_members(const char* body, ScratchBuffer& value) {
-  if (scp_json_check(body) != TQ_OK || !value) return false;
-  if (scp_json_get_value(body, "sessionId", chars(value)) != TQ_OK) return false;
-  const std::string_view session_id = chars(value);
-  if (session_id.size() >= t_session_id.size()) return false;
-  SessionIdStore kept{};
-  std::copy(session_id.begin(), session_id.end(), kept.begin());
-  if (scp_json_get_value(body, "data", chars(value)) != TQ_OK) return false;
-  t_session_id = kept;
-  return true;
+// The data of a response's body; its id is kept.
+std::optional<std::string_view> read_members(std::string_view body) {
+  if (!is_braced(body)) return std::nullopt;
+  const auto id = find_json_value(body, "sessionId", JsonValue::kText);
+  const auto data = find_json_value(body, "data", JsonValue::kText);
+  if (!id || !data || id->size() >= t_answer_id.size()) return std::nullopt;
+  std::copy(id->begin(), id->end(), t_answer_id.begin());
+  return data;
 }
 
 int32_t exchange(const ScpContext& context, std::span<const uint8_t> request, std::span<uint8_t> answer) {
-  const size_t num_body_bytes = body_room(static_cast<uint32_t>(request.size()));
-  ScratchBuffer body(num_body_bytes + 1);  // of the request, then of the response; with a NUL
-  ScratchBuffer data(num_body_bytes + 1);
   ResponseText response;
-  if (!format_body(request, body) || !fetch(context, chars(body), response)) return TQ_FAILED;
-  wipe(body.bytes());
-  const std::span<char> room(chars(body), num_body_bytes);
-  if (decode_chunked_body(response.text(), room) < 0 || !read_members(chars(body), data)) return TQ_FAILED;
+  if (!fetch(context, request, response)) return TQ_FAILED;
+  const size_t room = body_room(request.size());
+  ScratchBuffer body(room);
+  if (!body) return TQ_FAILED;
+  const int32_t body_len = decode_chunked_body(response.text(), {chars(body), room});
+  if (body_len < 0) return TQ_FAILED;
+  const auto data = read_members({chars(body), static_cast<size_t>(body_len)});
+  if (!data) return TQ_FAILED;
+  // Where a group of Base64 is cut short, the decoder goes by the NUL behind it.
+  chars(body)[data->data() + data->size() - chars(body)] = '\0';
   std::fill(answer.begin(), answer.end(), uint8_t{0});
-  const std::string_view text = chars(data);
   const auto capacity =
       static_cast<int32_t>(std::min<size_t>(answer.size(), std::numeric_limits<int32_t>::max()));
-  return scpBASE64decode(text.data(), static_cast<int32_t>(text.size()), answer.data(), capacity);
+  return scpBASE64decode(data->data(), static_cast<int32_t>(data->size()), answer.data(), capacity);
 }
 
 }  // namespace
 
-SessionIdStore& session_id_store() {
-  return t_session_id;
+AnswerId& last_answer_id() {
+  return t_answer_id;
+}
+
+int32_t exchange_by_https(const ScpContext& context, std::span<const uint8_t> request,
+                          std::span<uint8_t> answer) {
+  if (request.size() > kLongestRequest) return TQ_FAILED;
+  const bool dumps = context.logLevel == kLogHex;
+  if (dumps) scp_print_hex("Send SR: ", request.data(), static_cast<uint32_t>(request.size()));
+  const int32_t len = exchange(context, request, answer);
+  if (dumps && len >= 0) scp_print_hex("Recv SR: ", answer.data(), static_cast<uint32_t>(len));
+  return len;
 }
 
 }  // namespace tq
 
 extern "C" int32_t scp_socket_send_and_recv(const ScpContext* context, const uint8_t* request,
                                             uint32_t requestLength, uint8_t* answer, uint32_t capacity) {
-  using namespace tq;
-  if (context == nullptr || request == nullptr || answer == nullptr || requestLength > kLongestRequest) {
-    return TQ_FAILED;
-  }
-  const bool dumps = context->logLevel == kLogHex;
-  if (dumps) scp_print_hex("Send SR: ", request, requestLength);
-  const int32_t len = exchange(*context, {request, requestLength}, {answer, capacity});
-  if (dumps && len >= 0) scp_print_hex("Recv SR: ", answer, static_cast<uint32_t>(len));
-  return len;
+  if (context == nullptr || request == nullptr || answer == nullptr) return TQ_FAILED;
+  return tq::exchange_by_https(*context, {request, requestLength}, {answer, capacity});
 }

@@ -14,7 +14,7 @@ TQ_BEGIN_C
    Blocks for 30 seconds at most, connecting and the handshake included, and within them for 5 on each wait.
    Only the resolver cannot be interrupted: a name may take longer, and then the exchange fails when it is
    there. Returns the number of answer bytes, or TQ_FAILED. The response's body may have 1.7 * requestLength +
-   256 bytes, and its session id 63. Threads may call this at the same time; each has its own session id. */
+   256 bytes, and the sessionId in it 63. Threads may call this at the same time. */
 TQ_API int32_t scp_socket_send_and_recv(const ScpContext* context, const uint8_t* request,
                                         uint32_t requestLength, uint8_t* answer, uint32_t capacity);
 

@@ -10,7 +10,7 @@
 
 #include "core/config/session_config.h"
 #include "crypto/sm4_padding.h"
-#include "location/https_exchange.h"
+#include "location/https_exchange.hpp"
 #include "location/location_values.h"
 #include "protocol/frames.hpp"
 #include "util/byte_cursor.hpp"
@@ -96,6 +96,35 @@ void write_plain(ByteWriter& w, const ScpContext& context) {
   w.u8(low_byte_sum(w.written()));
 }
 
+// The 9300 frame. Its length, or TQ_FAILED when it does not fit.
+int32_t build_request(const ScpContext& context, std::span<uint8_t> out) {
+  Secret<kPlainMax + kBlockLength> plain;
+  Secret<kKeyLength> key;
+  ByteWriter content(plain.bytes().first(kPlainMax));
+  write_plain(content, context);
+  if (!content.ok()) return TQ_FAILED;
+  scp_getPublicKey(context.envIdCode, key.data());
+  const int32_t len =
+      scp_sm4Encrypt(plain.data(), static_cast<int32_t>(content.size()), key.data(), kModeCbc, plain.data());
+  if (len < 0) return TQ_FAILED;
+  const auto sealed = plain.bytes().first(static_cast<size_t>(len));
+
+  const size_t total = sealed.size() + kFrameOverhead;
+  if (total > out.size()) return TQ_FAILED;
+  ByteWriter w(out);
+  w.u8(kFrameHeader);
+  w.number(static_cast<uint32_t>(total), 2);
+  w.number(kCommand, 2);
+  w.number(kRequestVersion, 2);
+  w.number(kRequestParameter, 2);
+  w.u8(kRequestType);
+  w.u8(kRequestMark);
+  w.bytes(bytes_of(context.appid, TQ_SCP_APPID_LENGTH));
+  w.bytes(sealed);
+  w.u8(low_byte_sum(w.written().subspan(1)));
+  return w.ok() ? static_cast<int32_t>(w.size()) : TQ_FAILED;
+}
+
 // Takes the frame apart up to its payload; checks in the order of the fields.
 int32_t parse_answer(std::span<const uint8_t> frame, std::span<const uint8_t>& payload) {
   ByteReader r(frame);
@@ -126,6 +155,12 @@ int32_t decrypt_location(const ScpContext& context, std::span<const uint8_t> pay
   if (low_byte_sum(content.first(content.size() - 1)) != content.back()) return TQ_FAILED;
   out = content[0];
   return TQ_OK;
+}
+
+int32_t analyse_answer(const ScpContext& context, std::span<const uint8_t> frame, uint32_t& out) {
+  std::span<const uint8_t> payload;
+  if (int32_t rc = parse_answer(frame, payload); rc < 0) return rc;
+  return decrypt_location(context, payload, out);
 }
 
 }  // namespace
@@ -183,55 +218,29 @@ int32_t scp_authentication(const ScpContext* context, uint32_t* result) {
     return context->lastError == TQ_OK ? TQ_MISSING_CALL : context->lastError;
   }
   // The clock belongs to the application, which may begin another request from inside it.
-  const ScpContext own = *context;
+  ScpContext own = *context;
+  const WipeOnExit wipe_own(own);
   ScratchBuffer buffer(kExchangeRoom);
-  const int32_t request_len =
-      buffer ? scp_input_9300_group(&own, buffer.data(), kExchangeRoom) : int32_t{TQ_FAILED};
+  const int32_t request_len = build_request(own, buffer.bytes());
   if (request_len < 0) return TQ_REQUEST_NOT_BUILT;
-  const int32_t answer_len = scp_socket_send_and_recv(&own, buffer.data(), static_cast<uint32_t>(request_len),
-                                                      buffer.data(), kExchangeRoom);
+  const auto request = buffer.bytes().first(static_cast<size_t>(request_len));
+  const int32_t answer_len = exchange_by_https(own, request, buffer.bytes());
   if (answer_len < 0) return TQ_EXCHANGE_FAILED;
-  const int32_t rc = scp_output_9300_analysis(&own, buffer.data(), static_cast<uint32_t>(answer_len), result);
+  const int32_t rc = analyse_answer(own, buffer.bytes().first(static_cast<size_t>(answer_len)), *result);
   return rc == TQ_FAILED ? TQ_RESPONSE_MALFORMED : rc;
 }
 
-int32_t scp_input_9300_group(const ScpContext* context, uint8_t* out, uint32_t capacity) {
-  using namespace tq;
-  if (context == nullptr || out == nullptr || context->timeSource == nullptr) return TQ_FAILED;
-  Secret<kPlainMax + kBlockLength> plain;
-  Secret<kKeyLength> key;
-  ByteWriter content(plain.bytes().first(kPlainMax));
-  write_plain(content, *context);
-  if (!content.ok()) return TQ_FAILED;
-  scp_getPublicKey(context->envIdCode, key.data());
-  const int32_t len =
-      scp_sm4Encrypt(plain.data(), static_cast<int32_t>(content.size()), key.data(), kModeCbc, plain.data());
-  if (len < 0) return TQ_FAILED;
-  const auto sealed = plain.bytes().first(static_cast<size_t>(len));
+// Nothing in the library calls these.
 
-  const size_t total = sealed.size() + kFrameOverhead;
-  if (total > capacity) return TQ_FAILED;
-  ByteWriter w({out, total});
-  w.u8(kFrameHeader);
-  w.number(static_cast<uint32_t>(total), 2);
-  w.number(kCommand, 2);
-  w.number(kRequestVersion, 2);
-  w.number(kRequestParameter, 2);
-  w.u8(kRequestType);
-  w.u8(kRequestMark);
-  w.bytes(bytes_of(context->appid, TQ_SCP_APPID_LENGTH));
-  w.bytes(sealed);
-  w.u8(low_byte_sum(w.written().subspan(1)));
-  return w.ok() ? static_cast<int32_t>(total) : TQ_FAILED;
+int32_t scp_input_9300_group(const ScpContext* context, uint8_t* out, uint32_t capacity) {
+  if (context == nullptr || out == nullptr || context->timeSource == nullptr) return TQ_FAILED;
+  return tq::build_request(*context, {out, capacity});
 }
 
 int32_t scp_output_9300_analysis(const ScpContext* context, const uint8_t* answer, uint32_t length,
                                  uint32_t* result) {
-  using namespace tq;
   if (context == nullptr || answer == nullptr || result == nullptr) return TQ_FAILED;
-  std::span<const uint8_t> payload;
-  if (int32_t rc = parse_answer({answer, length}, payload); rc < 0) return rc;
-  return decrypt_location(*context, payload, *result);
+  return tq::analyse_answer(*context, {answer, length}, *result);
 }
 
 }  // extern "C"

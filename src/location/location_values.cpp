@@ -47,6 +47,7 @@ int32_t scp_getPublicKey(int32_t envIdCode, uint8_t* key) {
   return static_cast<int32_t>(scpHexStringToBytes(digits_for(envIdCode), key));
 }
 
+// Nothing in the library calls this.
 int64_t scp_crate_rand_number(const ScpContext* context, uint8_t* dst, int32_t n) {
   const int64_t now = context == nullptr || context->timeSource == nullptr ? 0 : context->timeSource();
   if (dst != nullptr && n > 0) tq::fill_time_seeded(now, {dst, static_cast<size_t>(n)});

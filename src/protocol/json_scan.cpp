@@ -1,56 +1,74 @@
-#include "protocol/json_scan.h"
+#include "protocol/json_scan.hpp"
 
 #include <algorithm>
-#include <string_view>
 
+#include "protocol/json_scan.h"
 #include "util/byte_text.h"
+
+namespace tq {
+
+std::optional<std::string_view> find_json_value(std::string_view text, std::string_view key, JsonValue kind) {
+  const size_t at = key.empty() ? std::string_view::npos : text.find(key);
+  if (at == std::string_view::npos || at == 0 || text[at - 1] != '"') return std::nullopt;
+  std::string_view rest = text.substr(at + key.size());
+  if (!rest.starts_with("\":")) return std::nullopt;
+  rest.remove_prefix(2);
+  const bool quoted = rest.starts_with('"');
+  if (!quoted && !(kind == JsonValue::kTextOrObject && rest.starts_with('{'))) return std::nullopt;
+  const size_t end = rest.find(quoted ? '"' : '}', 1);
+  if (end == std::string_view::npos) return std::nullopt;
+  return quoted ? rest.substr(1, end - 1) : rest.substr(0, end + 1);
+}
+
+bool is_braced(std::string_view text) {
+  return text.starts_with('{') && text.ends_with('}');
+}
 
 namespace {
 
-// What follows the colon of `"key":`, empty when the key's first occurrence is not of that form.
-std::string_view value_start(std::string_view text, std::string_view key) {
-  const size_t at = key.empty() ? std::string_view::npos : text.find(key);
-  if (at == std::string_view::npos || at == 0 || text[at - 1] != '"') return {};
-  std::string_view rest = text.substr(at + key.size());
-  if (rest.substr(0, 2) != "\":") return {};
-  return rest.substr(2);
+int32_t check(const char* text) {
+  return text != nullptr && is_braced(text) ? TQ_OK : TQ_FAILED;
 }
 
-// The value at the start of `rest`, or a view without data.
-std::string_view take_value(std::string_view rest) {
-  if (rest.empty()) return {};
-  if (rest.front() == '"') {
-    const size_t end = rest.find('"', 1);
-    return end == std::string_view::npos ? std::string_view{} : rest.substr(1, end - 1);
-  }
-  if (rest.front() == '{') {
-    const size_t end = rest.find('}');
-    return end == std::string_view::npos ? std::string_view{} : rest.substr(0, end + 1);
-  }
-  return {};
+int32_t copy_value(const char* text, const char* key, JsonValue kind, char* out) {
+  if (out == nullptr) return TQ_FAILED;
+  const auto value = text == nullptr || key == nullptr ? std::nullopt : find_json_value(text, key, kind);
+  *(value ? std::copy(value->begin(), value->end(), out) : out) = '\0';
+  return value ? TQ_OK : TQ_FAILED;
+}
+
+int32_t check_value(const char* a, const char* b) {
+  return tq_strcmp(a, b) == 0 ? TQ_OK : TQ_FAILED;
 }
 
 }  // namespace
+}  // namespace tq
 
+// Nothing in the library calls these.
 extern "C" {
 
 int32_t json_check(const char* text) {
-  if (text == nullptr) return TQ_FAILED;
-  const std::string_view all(text);
-  return !all.empty() && all.front() == '{' && all.back() == '}' ? TQ_OK : TQ_FAILED;
+  return tq::check(text);
 }
 
 int32_t json_get_value(const char* text, const char* key, char* out) {
-  if (out == nullptr) return TQ_FAILED;
-  const std::string_view value =
-      text == nullptr || key == nullptr ? std::string_view{} : take_value(value_start(text, key));
-  std::copy(value.begin(), value.end(), out);
-  out[value.size()] = '\0';
-  return value.data() == nullptr ? TQ_FAILED : TQ_OK;
+  return tq::copy_value(text, key, tq::JsonValue::kTextOrObject, out);
 }
 
 int32_t json_check_value(const char* a, const char* b) {
-  return tq_strcmp(a, b) == 0 ? TQ_OK : TQ_FAILED;
+  return tq::check_value(a, b);
+}
+
+int32_t scp_json_check(const char* text) {
+  return tq::check(text);
+}
+
+int32_t scp_json_get_value(const char* text, const char* key, char* out) {
+  return tq::copy_value(text, key, tq::JsonValue::kText, out);
+}
+
+int32_t scp_json_check_value(const char* a, const char* b) {
+  return tq::check_value(a, b);
 }
 
 }  // extern "C"

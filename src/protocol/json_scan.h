@@ -19,6 +19,11 @@ TQ_API int32_t json_get_value(const char* text, const char* key, char* out);
 /* TQ_OK when the two texts are equal, else TQ_FAILED. */
 TQ_API int32_t json_check_value(const char* a, const char* b);
 
+/* The same for the location server's texts, whose values are quoted: a braced one is refused. */
+TQ_API int32_t scp_json_check(const char* text);
+TQ_API int32_t scp_json_get_value(const char* text, const char* key, char* out);
+TQ_API int32_t scp_json_check_value(const char* a, const char* b);
+
 TQ_END_C
 
 #endif

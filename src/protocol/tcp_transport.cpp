@@ -255,6 +255,8 @@ int32_t tcp_send_and_recv(const SessionConfig* cfg, const uint8_t* request, uint
   return num_received;
 }
 
+// Nothing in the library calls these: the halves of an exchange.
+
 int32_t tq_socket_recv(void* context, uint8_t* buffer, uint32_t capacity, int32_t longForm) {
   static_cast<void>(context);
   const ConnectionUse use(ConnectionUse::For::kExchange);

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "location/session_id.hpp"
+#include "location/answer_id.hpp"
 #include "location/tls_server.hpp"
 #include "support/descriptors.hpp"
 
@@ -108,7 +108,7 @@ TEST(HttpsExchange, Responses) {
   for (const auto& c : cases) {
     const Outcome outcome = ask(c.pieces);
     EXPECT_EQ(outcome.result, c.result) << c.name;
-    EXPECT_EQ(std::string(tq::session_id_store().data()), c.session_id) << c.name;
+    EXPECT_EQ(std::string(tq::last_answer_id().data()), c.session_id) << c.name;
     Bytes answer(64, c.result < 0 ? uint8_t{0xEE} : uint8_t{0});
     if (c.result == 2) answer[0] = 1;
     if (c.result == 2) answer[1] = 2;

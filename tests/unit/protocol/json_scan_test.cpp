@@ -38,17 +38,26 @@ TEST(JsonScan, Values) {
     EXPECT_EQ(json_get_value(c.text == nullptr ? nullptr : text.data(), c.key, out.data()),
               c.value == nullptr ? -1 : 0);
     EXPECT_STREQ(out.data(), c.value == nullptr ? "" : c.value);
+    const bool braced = c.value != nullptr && *c.value == '{';
+    EXPECT_EQ(scp_json_get_value(c.text == nullptr ? nullptr : text.data(), c.key, out.data()),
+              c.value == nullptr || braced ? -1 : 0);
+    EXPECT_STREQ(out.data(), c.value == nullptr || braced ? "" : c.value);
   }
+  EXPECT_EQ(json_get_value("{}", "a", nullptr), -1);
 }
 
 TEST(JsonScan, ChecksAndEquality) {
-  EXPECT_EQ(json_check("{}"), 0);
-  for (const char* bad : {" {}", "{} ", "{", "}", "", static_cast<const char*>(nullptr)})
-    EXPECT_EQ(json_check(bad), -1);
-  EXPECT_EQ(json_check_value("ab", "ab"), 0);
-  for (const char* other : {"", "a", "abc", "aB", static_cast<const char*>(nullptr)}) {
-    EXPECT_EQ(json_check_value("ab", other), -1);
-    EXPECT_EQ(json_check_value(other, "ab"), -1);
+  for (const auto check : {json_check, scp_json_check}) {
+    EXPECT_EQ(check("{}"), 0);
+    for (const char* bad : {" {}", "{} ", "{", "}", "", static_cast<const char*>(nullptr)})
+      EXPECT_EQ(check(bad), -1);
+  }
+  for (const auto check_value : {json_check_value, scp_json_check_value}) {
+    EXPECT_EQ(check_value("ab", "ab"), 0);
+    for (const char* other : {"", "a", "abc", "aB", static_cast<const char*>(nullptr)}) {
+      EXPECT_EQ(check_value("ab", other), -1);
+      EXPECT_EQ(check_value(other, "ab"), -1);
+    }
   }
 }
 
