@@ -2,11 +2,13 @@
 // Runs the simulated decode server alone, for an application under test.
 
 import { fileURLToPath } from 'node:url';
-import { coloursFor, dump, SERVER_STEPS } from '../lib/account.mjs';
+import { coloursFor, dump, fieldLines, SERVER_STEPS } from '../lib/account.mjs';
+import { clockText, now } from '../lib/clock.mjs';
+import { codeInWords } from '../lib/codes.mjs';
 import { fail, parseOptions } from '../lib/command-line.mjs';
 import { DecodeServer } from '../lib/decode-server/server.mjs';
 import { loadKeys } from '../lib/keys.mjs';
-import { loadPersona, serverConfigOf } from '../lib/persona-file.mjs';
+import { checkRules, loadPersona, serverConfigOf } from '../lib/persona-file.mjs';
 
 const kUsage = `Usage: decode-server.mjs [options]
 
@@ -27,12 +29,13 @@ const options = parseOptions(kUsage, {
   persona: { value: 'FILE', text: 'JSON file: expected identity, card, passport, person, misbehaviour (see README.md)' },
   timing: { text: 'ask the reader to time the card' },
   delay: { value: 'MS', number: true, text: 'milliseconds before every answer' },
-  verbose: { text: 'print requests and answers in hexadecimal' },
+  verbose: { text: 'print requests and answers in hexadecimal, and what the requests say, by name' },
 });
 
 function configure() {
   try {
     const persona = options.persona === undefined ? {} : loadPersona(options.persona);
+    checkRules(persona);
     const { host, port } = options;
     const config = { ...serverConfigOf(persona), host, port, keys: loadKeys(options.keys).decode };
     if (options.env !== undefined) config.envIdCode = options.env;
@@ -46,7 +49,6 @@ function configure() {
 
 const colours = coloursFor(process.stdout);
 const say = (text) => process.stdout.write(`${text}\n`);
-const clock = (ms) => new Date(ms).toISOString().slice(11, 23);
 
 /** What a line says beyond the command: the values that tell reads apart. */
 function summary({ command, fields, response, rules }) {
@@ -54,29 +56,34 @@ function summary({ command, fields, response, rules }) {
   if (command === '0x7500' && fields) {
     told.push(`appid ${fields.appid}`, `sn ${fields.sn || '(none)'}`, `terId ${fields.terId}`);
   }
-  if (fields?.record) told.push(`result_code ${fields.record.result_code}`);
+  if (fields?.record) told.push(`result_code ${codeInWords(fields.record.result_code)}`);
   if (rules.length > 0) told.push(colours.yellow(`misbehaving: ${rules.join(', ')}`));
   if (response === null) told.push('no answer');
   return told.length > 0 ? `; ${told.join(', ')}` : '';
 }
 
 const server = configure();
-server.on('connection', ({ connection, state, remote, monitored, awaited }) => {
+server.on('connection', ({ connection, state, remote, rules = [], monitored, awaited }) => {
   const closed = monitored ? 'closed' : awaited ? 'closed; the reader should be back' : 'closed without a monitor record';
   const ending = state === 'open' ? `from ${remote}` : closed;
-  say(colours.dim(`${clock(Date.now())}  #${connection}  ${ending}`));
+  say(colours.dim(`${clockText(now())}  #${connection}  ${ending}`));
+  if (rules.length > 0) say(colours.yellow(`              #${connection}  misbehaving: ${rules.join(', ')}`));
 });
 server.on('exchange', (exchange) => {
-  const { command, connection, request, response, receivedAt, answeredAt } = exchange;
-  const times = answeredAt === null ? '' : `, ${answeredAt - receivedAt} ms`;
+  const { command, connection, request, response, receivedAt, answeredAt, fields } = exchange;
+  const times = answeredAt === null ? '' : `, ${Math.round(answeredAt - receivedAt)} ms`;
   const sizes = `${request.length} bytes in, ${response?.length ?? 0} out${times}`;
-  say(`${clock(receivedAt)}  #${connection}  ${colours.bold(command)}  ${SERVER_STEPS[command] ?? 'unknown command'}` +
+  say(`${clockText(now())}  #${connection}  ${colours.bold(command)}  ${SERVER_STEPS[command] ?? 'unknown command'}` +
     `  (${sizes})${summary(exchange)}`);
-  if (options.verbose) say(`    request\n${dump(request)}\n    answer\n${dump(response ?? [])}`);
-});
-server.on('verification', ({ connection, passiveAuthentication, activeAuthentication, signer }) => {
-  const text = `passive authentication ${passiveAuthentication}, active authentication ${activeAuthentication}; ${signer}`;
-  say(`${clock(Date.now())}  #${connection}  ${text}`);
+  if (options.verbose) {
+    say(`    request\n${dump(request)}`);
+    if (fields) say(`    it says\n${fieldLines(fields).join('\n')}`);
+    say(`    answer\n${dump(response ?? [])}`);
+  }
+  if (fields?.verification) {
+    const { passiveAuthentication, activeAuthentication, signer } = fields.verification;
+    say(`              #${connection}  passive authentication ${passiveAuthentication}, active authentication ${activeAuthentication}; ${signer}`);
+  }
 });
 server.on('difference', ({ message, connection }) => {
   say(colours.red(`          DIFFERENCE  #${connection}  ${message}`));

@@ -2,7 +2,8 @@
 // Runs the simulated location server alone, for an application under test.
 
 import { fileURLToPath } from 'node:url';
-import { coloursFor } from '../lib/account.mjs';
+import { coloursFor, fieldLines } from '../lib/account.mjs';
+import { clockText } from '../lib/clock.mjs';
 import { fail, parseOptions } from '../lib/command-line.mjs';
 import { loadKeys } from '../lib/keys.mjs';
 import { LocationServer } from '../lib/location-server.mjs';
@@ -21,12 +22,11 @@ every request and prints one line per request and every difference that it finds
   location: { value: 'N', default: '3', number: true, text: 'the answer, 0 to 255' },
   status: { value: 'DIGITS', text: 'answer with this failure status, six hexadecimal digits' },
   delay: { value: 'MS', default: '0', number: true, text: 'milliseconds before every answer' },
-  verbose: { text: 'print requests and responses as they are' },
+  verbose: { text: 'print requests and responses as they are, and what the requests say, by name' },
 });
 
 const colours = coloursFor(process.stdout);
 const say = (text) => process.stdout.write(`${text}\n`);
-const clock = (ms) => new Date(ms).toISOString().slice(11, 23);
 const shown = (text) => (text ?? '(none)').trimEnd().replace(/^/gm, '    ');
 
 function configure() {
@@ -44,8 +44,8 @@ server.on('exchange', ({ connection, cipher, fields, request, response, rules, r
   const { appid, manufacturer, model } = fields;
   const told = [`appid ${appid}`, `maker ${manufacturer}`, `model ${model}`, ...rules.map((rule) => colours.yellow(rule))];
   const took = answeredAt === null ? 'no answer' : `${answeredAt - receivedAt} ms`;
-  say(`${clock(receivedAt)}  #${connection}  ${colours.bold('9300')}  ${told.join(', ')}  (${cipher}, ${took})`);
-  if (options.verbose) say(`${shown(request)}\n${shown(response)}`);
+  say(`${clockText(receivedAt)}  #${connection}  ${colours.bold('9300')}  ${told.join(', ')}  (${cipher}, ${took})`);
+  if (options.verbose) say(`${shown(request)}\n${fieldLines(fields).join('\n')}\n${shown(response)}`);
 });
 server.on('difference', ({ message, connection }) => {
   say(colours.red(`          DIFFERENCE  #${connection}  ${message}`));

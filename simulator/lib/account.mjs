@@ -1,5 +1,7 @@
 // Words and layout for people: what each step of a read means, and lines that look right in a terminal.
 
+import { codeInWords, statusInWords } from './codes.mjs';
+
 /** What each server command is for. */
 export const SERVER_STEPS = {
   '0x7500': 'reader shows who it is; session key, business id',
@@ -68,3 +70,28 @@ export function dump(bytes, indent = '      ') {
   const text = Buffer.from(bytes).toString('hex').toUpperCase();
   return (text.match(/.{1,64}/g) ?? ['(nothing)']).map((line) => indent + line).join('\n');
 }
+
+const kLongestShown = 64; // digits or characters of a field
+
+function fieldText(value) {
+  if (value instanceof Uint8Array) return fieldText(Buffer.from(value).toString('hex').toUpperCase());
+  const text = typeof value === 'string' ? value : JSON.stringify(value) ?? 'none';
+  const size = /^([0-9A-Fa-f]{2})+$/.test(text) ? `${text.length / 2} bytes` : `${text.length} characters`;
+  return text.length <= kLongestShown ? text || '(empty)' : `${text.slice(0, kLongestShown)}... (${size})`;
+}
+
+/** What a message says, by name: a line for each field, those of records with the record's name in front. */
+export function fieldLines(fields, indent = '      ', prefix = '') {
+  const width = Math.max(18, ...Object.keys(fields).map((name) => prefix.length + name.length + 2));
+  return Object.entries(fields).flatMap(([name, value]) => {
+    const isRecord = value !== null && typeof value === 'object' && !Array.isArray(value) && !(value instanceof Uint8Array);
+    return isRecord ? fieldLines(value, indent, `${prefix}${name} `)
+      : [`${indent}${`${prefix}${name} `.padEnd(width, '.')} ${fieldText(value)}`];
+  });
+}
+
+/** The monitor record's values, codes in words. */
+export const recordTexts = (record) => Object.entries(record).map(([name, value]) => {
+  const words = { result_code: codeInWords, nfc_err_code: statusInWords }[name];
+  return [name, words ? words(value) : value];
+});

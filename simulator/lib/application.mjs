@@ -3,6 +3,7 @@
 
 import { EventEmitter } from 'node:events';
 import { hex } from './bytes.mjs';
+import { now } from './clock.mjs';
 import { CancelHandle, TqError, TqReader } from './package.mjs';
 import { DEFAULT_IDENTITY } from './persona.mjs';
 import { loadLibrary } from './reader.mjs';
@@ -23,23 +24,26 @@ class LinkConnection {
   #link;
   #serialOfNext;
   #onStep;
+  #onRules;
 
-  constructor(link, serialOfNext, onStep) {
+  constructor(link, serialOfNext, onStep, onRules) {
     this.#link = link;
     this.#serialOfNext = serialOfNext;
     this.#onStep = onStep;
+    this.#onRules = onRules;
   }
 
   transmit(bytes) {
     const command = Buffer.from(bytes);
     const serial = this.#serialOfNext();
-    const at = Date.now();
+    const at = now();
     return new Promise((resolve, reject) => {
-      const { name } = this.#link.transmit(command, serial, ({ data, status }) => {
-        this.#onStep({ name, serial, command: hex(command), answer: hex(data), at, ms: Date.now() - at });
+      const { name, rules } = this.#link.transmit(command, serial, ({ data, status }) => {
+        this.#onStep({ name, serial, command: hex(command), answer: hex(data), at, ms: Math.round(now() - at) });
         if (status === kFailed) reject(new Error('the card is gone'));
         else resolve(new Uint8Array(data));
       });
+      if (rules.length > 0) this.#onRules({ name, rules, at });
     });
   }
 }
@@ -47,6 +51,7 @@ class LinkConnection {
 /**
  * Events:
  *   'step'        { name, serial, command, answer, at, ms }  the card has answered a command
+ *   'rules'       { name, rules, at }                         misbehaviour that was asked for has been applied to a command
  *   'progress'    what `TqReader` says of its progress
  *   'monitor'     { raw, record }                            the read's monitor record
  *   'difference'  a Difference: a text from the library, or an answer to it, that is not as it should be
@@ -77,7 +82,8 @@ export class Application extends EventEmitter {
 
   /** A connection to the card or passport. */
   connection(onStep = (step) => this.emit('step', step)) {
-    return new LinkConnection(this.#link, () => this.module.oldest?.serial, onStep);
+    return new LinkConnection(this.#link, () => this.module.oldest?.serial, onStep,
+      (rules) => this.emit('rules', rules));
   }
 
   /**

@@ -46,6 +46,7 @@ function longAnswer(data, size) {
 /** A link to one card. */
 export class CardLink {
   #rules;
+  #cardRules; // those that the card itself applies, to name them
   #passedOn = false; // the card has rules from here
   #freeAt = 0;
   #late = 0; // by how much the timers overshot last time
@@ -67,6 +68,7 @@ export class CardLink {
     const forCard = rules.filter((rule) => this.card.actions?.includes(rule.do));
     const others = rules.filter((rule) => !forCard.includes(rule));
     this.#rules = new RuleList(others, [...Object.keys(ACTIONS), ...(this.card.actions ?? [])]);
+    this.#cardRules = new RuleList(forCard, this.card.actions ?? []);
     if (forCard.length > 0 || this.#passedOn) this.card.setRules(forCard);
     this.#passedOn = forCard.length > 0;
   }
@@ -77,18 +79,20 @@ export class CardLink {
    * @param {number} serial
    * @param {(delivery: {data: Buffer, serial: number, status: number}) => void} deliver  called once for
    *   everything that goes back to the reader
-   * @returns {{name: string, answer: Buffer, done: Promise<void>}}
+   * @returns {{name: string, answer: Buffer, rules: string[], done: Promise<void>}} `rules`: what has been applied
    */
   transmit(command, serial, deliver) {
     const { name, answer } = this.card.respond(command, serial);
     const after = this.#pace(this.delay + this.perByte * (command.length + answer.length));
     let deliveries = [{ data: answer, serial, status: 0, after }];
-    for (const rule of this.#rules.matching(name, serial)) {
+    const rules = this.#rules.matching(name, serial);
+    for (const rule of rules) {
       deliveries = deliveries.flatMap((delivery) => ACTIONS[rule.do](delivery, rule));
       if (kHarmless.includes(rule.do)) continue;
       this.card.spoiled(name, this.#reached(command, deliveries), deliveries.length > 1);
     }
-    return { name, answer, done: this.#hand(deliveries, deliver) };
+    const applied = [...this.#cardRules.matching(name, serial), ...rules].map((rule) => rule.do);
+    return { name, answer, rules: applied, done: this.#hand(deliveries, deliver) };
   }
 
   /**

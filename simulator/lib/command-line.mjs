@@ -2,6 +2,14 @@
 
 import { parseArgs } from 'node:util';
 
+// Whoever reads the output may have had enough of it, as `head` does.
+for (const stream of [process.stdout, process.stderr]) {
+  stream.on('error', (error) => {
+    if (error.code !== 'EPIPE') throw error;
+    process.exit();
+  });
+}
+
 /** Prints an error as a command-line program should, and ends with exit code 2. */
 export function fail(message) {
   process.stderr.write(`${message}\n`);

@@ -1,7 +1,8 @@
 // The demo's account of its reads: a line for each step as it happens, then what came of it. Everything it prints
 // goes through `say`, and on a terminal a progress bar follows below the last line.
 
-import { CARD_STEPS, coloursFor, dotted, PASSPORT_FILES, PASSPORT_STEPS, SERVER_STEPS } from './account.mjs';
+import { CARD_STEPS, coloursFor, dotted, PASSPORT_FILES, PASSPORT_STEPS, recordTexts, SERVER_STEPS } from './account.mjs';
+import { now } from './clock.mjs';
 import { FileTally } from './file-tally.mjs';
 
 const kWidth = 92;
@@ -101,7 +102,7 @@ export class DemoAccount {
 
   server({ command, receivedAt, answeredAt }) {
     this.#files.flush();
-    const took = (answeredAt ?? Date.now()) - receivedAt;
+    const took = (answeredAt ?? now()) - receivedAt;
     this.#step(receivedAt, took, 'decode server', this.#colours.yellow, command, SERVER_STEPS[command] ?? '');
   }
 
@@ -116,8 +117,8 @@ export class DemoAccount {
   }
 
   #line(at, ms, who, colour, step, meaning) {
-    const start = `${Math.max(0, at - this.#began)} ms`.padStart(9);
-    const took = `${ms} ms`.padStart(9);
+    const start = `${Math.max(0, Math.round(at - this.#began))} ms`.padStart(9);
+    const took = `${Math.round(ms)} ms`.padStart(9);
     this.say(`${start}${took}   ${colour(who.padEnd(15))}${step.padEnd(24)}${meaning}`);
     if (this.#stream.isTTY) this.#drawBar();
   }
@@ -147,7 +148,7 @@ export class DemoAccount {
 
   monitor(record) {
     this.heading('The monitor record (one per read, for the application and for the server)');
-    for (const [name, value] of Object.entries(record)) {
+    for (const [name, value] of recordTexts(record)) {
       const text = name === 'sod_file' ? value.replace(/(.{50,}?;)(?=.)/g, `$1\n${' '.repeat(21)}`) : value;
       this.say(dotted(name, text === '' ? '(empty)' : text));
     }

@@ -5,7 +5,7 @@ import { isDeepStrictEqual } from 'node:util';
 import { hex } from './bytes.mjs';
 import { expectedPersona, SPECIMEN_PERSON } from './persona.mjs';
 import { filesByName } from './passport-persona.mjs';
-import { startReaderProcess, startServerProcess } from './processes.mjs';
+import { startReaderProcess, startServerProcess, Timeline } from './processes.mjs';
 
 const kTimeout = 30000;
 const kTimeToEnd = 5000;
@@ -22,21 +22,25 @@ export async function perform(account, { title, numSteps, teller, identity, serv
   const server = await startServerProcess({
     persona: expectedPersona(identity), timing: true, envIdCode: identity.envIdCode, ...settings,
   });
-  server.on('exchange', (exchange) => {
+  const timeline = new Timeline();
+  timeline.add(server, { exchange: (exchange) => {
     seen.exchanges.push(exchange);
     account.server(exchange);
-  });
+  } });
   server.on('monitor', (monitor) => seen.serverMonitors.push(monitor));
   server.on('verification', (verification) => seen.verifications.push(verification));
   server.on('difference', (difference) => seen.differences.server.push(difference));
 
   const address = { ip: server.host, port: server.port };
   const reader = startReaderProcess({ ...options, identity: { ...identity, ...address }, timeoutMs: kTimeout }, output);
-  reader.on('started', ({ at }) => account.begin(at, title, numSteps));
-  reader.on('step', (step) => account[teller](step));
+  timeline.add(reader, {
+    started: ({ at }) => account.begin(at, title, numSteps),
+    step: (step) => account[teller](step),
+  });
   reader.on('card-difference', (difference) => seen.differences.chip.push(difference));
   reader.on('reader-difference', (difference) => seen.differences.reader.push(difference));
   seen.result = await reader.result.catch((error) => ({ failure: error.message }));
+  await timeline.caughtUp();
   seen.ending = await endOf(reader);
   await server.stop();
   return seen;

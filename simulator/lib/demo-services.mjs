@@ -28,8 +28,8 @@ export async function askServices(account, { library, identity, keys, serverDela
   const { host, port } = await location.start();
   await latency.start();
   const child = startServicesProcess({
-    library, delay: [kCount, latency.config.host],
-    location: [identity.appid, kEnvironment, host, port, kPhone.manufacturer, kPhone.model],
+    library, delay: { rounds: kCount, host: latency.config.host },
+    location: { appid: identity.appid, environment: kEnvironment, host, port, manufacturer: kPhone.manufacturer, marketName: kPhone.model },
   }, output);
   try {
     const answers = await child.answers;

@@ -1,12 +1,16 @@
 // Makes a line per file of the many steps in which a passport's files are read: a SELECT, and READs of a few bytes each.
 
+const kOddRead = 0xb1; // READ BINARY whose offset stands in its data, in front of a length that travels in plain as well
 const kOffsetAt = 2; // in a protected READ BINARY, 0C B0 and the offset; the expected length follows 0D 97 01
 const kLengthAt = 7;
+const kDataObjectAt = 5;
 
-/** How far into its file a READ BINARY under secure messaging goes (ISO/IEC 7816-4: DO97 is in plain). */
-function endOfRead(text) {
+/** How far into its file a READ BINARY under secure messaging goes (ISO/IEC 7816-4: DO97 is in plain); `before` is where it began. */
+function endOfRead(text, before) {
   const command = Buffer.from(text, 'hex');
-  return command.readUInt16BE(kOffsetAt) + command[kLengthAt];
+  if (command[1] !== kOddRead) return command.readUInt16BE(kOffsetAt) + command[kLengthAt];
+  const length = command[kDataObjectAt + 2 + command[kDataObjectAt + 1] + 2]; // of DO97, behind DO85
+  return before + length - (length > 0x81 ? 3 : 2); // without the header of DO53
 }
 
 export class FileTally {
@@ -28,7 +32,7 @@ export class FileTally {
   step(step) {
     const [verb, name] = step.name.split(' ');
     if (verb === 'READ' && this.#current?.name === name) {
-      this.#count(step, endOfRead(step.command));
+      this.#count(step, endOfRead(step.command, this.#current.bytes));
     } else {
       this.flush();
       if (verb !== 'SELECT' || name === 'APPLICATION') this.#onStep(step);
@@ -43,7 +47,7 @@ export class FileTally {
 
   #count({ at, ms, answer }, bytes) {
     const { commands, at: began } = this.#current;
-    Object.assign(this.#current, { bytes, commands: commands + 1, ms: at + ms - began, status: answer.slice(-4) });
+    Object.assign(this.#current, { bytes, commands: commands + 1, ms: Math.round(at + ms - began), status: answer.slice(-4) });
   }
 
   /** No more comes for the present file. */

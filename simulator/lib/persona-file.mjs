@@ -2,7 +2,11 @@
 // the reading program uses it. Every member may be missing; README.md describes them.
 
 import { readFileSync, writeFileSync } from 'node:fs';
+import { SERVER_STEPS } from './account.mjs';
 import { fromHex } from './bytes.mjs';
+import { Misbehaviour } from './decode-server/misbehaviour.mjs';
+import { STEPS } from './identity-card.mjs';
+import { PASSPORT_STEPS } from './passport/chip.mjs';
 import { expectedPassport, unpackPassport } from './passport-persona.mjs';
 import { expectedPersona } from './persona.mjs';
 
@@ -27,6 +31,30 @@ export function loadPersona(path) {
   } catch (error) {
     throw new Error(`${path}: ${error.message}`);
   }
+}
+
+const kPassportFile = /^(SELECT|READ) (EF\.\w+|DG\d+)$/;
+const isPassportStep = (on) => PASSPORT_STEPS.includes(on) || kPassportFile.test(on);
+
+/** Refuses rules whose `on` names nothing. */
+function refuseOthersOn(rules, where, named, isKnown) {
+  if (!Array.isArray(rules)) throw new TypeError(`"${where}" is no list of rules`);
+  const wrong = rules.find(({ on } = {}) => on !== 'any' && !Number.isInteger(on) && !isKnown(on));
+  if (wrong !== undefined) throw new TypeError(`no such step or command: ${JSON.stringify(wrong)}; there are ${named}, a number, and any`);
+}
+
+/**
+ * Throws a TypeError with a sentence for the first rule that is not as README.md has it. The rules of card or passport are
+ * checked when it is known, as a `link` to it and by its `kind`.
+ */
+export function checkRules({ rules = [], cardRules = [] }, kind, link) {
+  refuseOthersOn(rules, 'rules', `connect, ${Object.keys(SERVER_STEPS).join(', ')}`, (on) => on === 'connect' || on in SERVER_STEPS);
+  new Misbehaviour(rules);
+  if (!kind) return;
+  const passport = kind === 'passport';
+  refuseOthersOn(cardRules, 'cardRules', (passport ? [...PASSPORT_STEPS, 'READ DG2'] : STEPS).join(', '),
+    passport ? isPassportStep : (on) => STEPS.includes(on));
+  link.setRules(cardRules);
 }
 
 export function savePersona(path, persona) {

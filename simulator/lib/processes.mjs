@@ -6,19 +6,33 @@ import { fileURLToPath } from 'node:url';
 
 const pathOf = (name) => fileURLToPath(new URL(`children/${name}.mjs`, import.meta.url));
 
-/** A child process whose messages { event, subject } are this object's events. */
+/** A child process whose messages { event, subject, sentAt } are this object's events, with the subject and the time. */
 class Child extends EventEmitter {
   #process;
+  #pings = [];
 
   constructor(name, stdio) {
     super();
     this.#process = fork(pathOf(name), [], { serialization: 'advanced', stdio });
-    this.#process.on('message', ({ event, subject }) => this.emit(event, subject));
+    this.#process.on('message', ({ event, subject, sentAt, pong }) => {
+      if (pong === undefined) this.emit(event, subject, sentAt);
+      else this.#pings.shift()();
+    });
+    this.#process.on('disconnect', () => this.#pings.splice(0).forEach((resolve) => resolve()));
     this.exited = once(this.#process, 'exit').then(([code, signal]) => ({ code, signal }));
   }
 
   send(message) {
-    if (this.#process.connected) this.#process.send(message);
+    if (this.#process.connected) this.#process.send(message, () => {});
+  }
+
+  /** Resolves when everything that has happened in the child by now has been told. */
+  caughtUp() {
+    if (!this.#process.connected) return Promise.resolve();
+    return new Promise((resolve) => {
+      this.#pings.push(resolve);
+      this.#process.send({ ping: true }, () => {});
+    });
   }
 
   /** Cuts the connection; a child with nothing left to do then ends by itself. */
@@ -39,6 +53,44 @@ class Child extends EventEmitter {
         reject(new Error(`${what} ended early (${signal ?? `exit code ${code}`})`));
       });
     });
+  }
+}
+
+/**
+ * One order, by time, for what several processes tell: an event is passed on when all the others have told everything that
+ * came before it.
+ */
+export class Timeline {
+  #children = [];
+  #entries = []; // not passed on yet
+  #waits = [];
+
+  /** @param {Object<string, (subject: object) => void>} listeners  for the child's events, by name */
+  add(child, listeners) {
+    this.#children.push(child);
+    for (const [event, listener] of Object.entries(listeners)) {
+      child.on(event, (subject, sentAt) => {
+        const entry = { at: subject.receivedAt ?? (typeof subject.at === 'number' ? subject.at : sentAt), ready: false };
+        entry.pass = () => listener(subject);
+        this.#entries.push(entry);
+        const others = this.#children.filter((other) => other !== child).map((other) => other.caughtUp());
+        this.#waits.push(Promise.all(others).then(() => {
+          entry.ready = true;
+          this.#passOn();
+        }));
+      });
+    }
+  }
+
+  /** Resolves when everything that has happened by now has been passed on. */
+  async caughtUp() {
+    await Promise.all(this.#children.map((child) => child.caughtUp()));
+    await Promise.all(this.#waits.splice(0));
+  }
+
+  #passOn() {
+    this.#entries.sort((one, other) => one.at - other.at);
+    while (this.#entries[0]?.ready) this.#entries.shift().pass();
   }
 }
 
@@ -79,16 +131,17 @@ export function startReaderProcess(options, output = 'ignore') {
 }
 
 /**
- * Asks latency server and location server once each in a child process.
- * @param {object} options  library; delay and location: arguments, see children/services.mjs
+ * Asks latency server, location server or both in a child process.
+ * @param {object} options  library; delay and location, see children/services.mjs
  * @param {number|string} [output]  as for startReaderProcess
- * @returns {Child & {answers: Promise<{delay: object, location: object}>}} of each { at, result, ms }; for the location
- *   also `times`, what the time function has said; `release()` lets it end
+ * @returns {Child & {answers: Promise<{delay: object, location: object}>}} of each that was asked { at,
+ *   result, ms }, `result` being a value or the code of a failure; for the location also `times`, what the time function has said; `release()` lets it end
  */
 export function startServicesProcess(options, output = 'ignore') {
   const child = new Child('services', ['ignore', output, output, 'ipc']);
-  const answers = ['delay', 'location'].map((event) => child.first(event, 'application'));
-  child.answers = Promise.all(answers).then(([delay, location]) => ({ delay, location }));
+  const asked = ['delay', 'location'].filter((name) => options[name]);
+  child.answers = Promise.all(asked.map((event) => child.first(event, 'application')))
+    .then((answers) => Object.fromEntries(answers.map((answer, i) => [asked[i], answer])));
   child.send({ ask: options });
   return child;
 }

@@ -7,6 +7,7 @@ import { constants } from 'node:os';
 import { fileURLToPath } from 'node:url';
 import { hex } from './bytes.mjs';
 import { CardLink } from './card-link.mjs';
+import { now } from './clock.mjs';
 import { Difference } from './difference.mjs';
 import { parseCommandText, parseResultText } from './host-texts.mjs';
 import { parseMonitorRecord } from './monitor-record.mjs';
@@ -38,6 +39,7 @@ export function initArguments(identity) {
  *
  * Events:
  *   'command'     { name, serial, command, at }            a command is on its way to the card
+ *   'rules'       { name, rules, at }                      misbehaviour that was asked for has been applied to it
  *   'step'        { name, serial, command, answer, at, ms } and the card's answer has been handed over
  *   'monitor'     { raw, record }                          the monitor function has been called
  *   'result'      { code, flag, data, raw }                the result function has been called
@@ -177,15 +179,16 @@ export class Reader extends EventEmitter {
     const parsed = this.#checked(parseCommandText, text);
     if (!parsed) return 0;
     const { command, serial } = parsed;
-    const at = Date.now();
+    const at = now();
     const read = this.#current;
-    const { name } = this.#link.transmit(command, serial, (delivery) => {
-      const step = { name, serial, command: hex(command), answer: hex(delivery.data), at, ms: Date.now() - at };
+    const { name, rules } = this.#link.transmit(command, serial, (delivery) => {
+      const step = { name, serial, command: hex(command), answer: hex(delivery.data), at, ms: Math.round(now() - at) };
       read?.steps.push(step);
       this.emit('step', step);
       this.module[read?.handler ?? 'idCardHandler'](hex(delivery.data), delivery.serial, delivery.status);
     });
     this.emit('command', { name, serial, command: hex(command), at });
+    if (rules.length > 0) this.emit('rules', { name, rules, at });
     return 0;
   }
 

@@ -3,12 +3,17 @@
 
 import { existsSync, openSync } from 'node:fs';
 import { fileURLToPath } from 'node:url';
-import { coloursFor, dotted } from './account.mjs';
+import { coloursFor, dotted, recordTexts } from './account.mjs';
+import { CardLink } from './card-link.mjs';
+import { codeInWords } from './codes.mjs';
 import { fail } from './command-line.mjs';
+import { IdentityCard } from './identity-card.mjs';
 import { loadKeys } from './keys.mjs';
 import { DEFAULT_IDENTITY } from './persona.mjs';
-import { loadPersona, savePersona, serverConfigOf } from './persona-file.mjs';
-import { startReaderProcess, startServerProcess } from './processes.mjs';
+import { PassportChip } from './passport/chip.mjs';
+import { unpackPassport } from './passport-persona.mjs';
+import { checkRules, loadPersona, savePersona, serverConfigOf } from './persona-file.mjs';
+import { startReaderProcess, startServerProcess, Timeline } from './processes.mjs';
 import { DEFAULT_LIBRARY } from './reader.mjs';
 
 /** Options that are arguments of initSdk, by the names the rest of the simulator uses. */
@@ -67,14 +72,22 @@ async function readOnce(options, persona, { kind, settings, teller }) {
     differences += 1;
     say(colours.red(`DIFFERENCE found by the ${who}: ${text}`));
   };
+  const named = (rules, where) => rules.forEach((rule) => say(colours.yellow(`  rule   ${rule} at ${where}`)));
   const { library } = options;
+  const timeline = new Timeline();
   let server = null;
   if (options.host === undefined) {
     const config = { ...serverConfigOf(persona), document: kind, delay: options.serverDelay || persona.delay };
     const timing = options.timing || persona.timing;
     server = await startServerProcess({ ...config, timing, keys: loadKeys(options.keys).decode });
-    server.on('difference', differ('decode server'));
-    server.on('exchange', (exchange) => teller.server(exchange));
+    timeline.add(server, {
+      connection: ({ rules = [], connection }) => named(rules, `connection ${connection}`),
+      exchange: (exchange) => {
+        named(exchange.rules, exchange.command);
+        teller.server(exchange);
+      },
+      difference: differ('decode server'),
+    });
   }
   const address = { ip: options.host ?? server.host, port: options.port ?? server.port };
   const output = options.log === '-' ? 'inherit' : options.log === undefined ? 'ignore' : openSync(options.log, 'w');
@@ -82,11 +95,16 @@ async function readOnce(options, persona, { kind, settings, teller }) {
     library, identity: { ...persona.identity, ...address }, ...settings,
     cardDelay: options.cardDelay, cardRules: persona.cardRules, timeoutMs: options.timeout,
   }, output);
-  reader.on('card-difference', differ('chip'));
-  reader.on('reader-difference', differ('reader application'));
-  reader.on('step', (step) => teller.step(step));
+  timeline.add(reader, {
+    rules: ({ rules, name }) => named(rules, name),
+    step: (step) => teller.step(step),
+    'card-difference': differ('chip'),
+    'reader-difference': differ('reader application'),
+  });
   try {
-    return { result: await reader.result, differences };
+    const result = await reader.result;
+    await timeline.caughtUp();
+    return { result, differences };
   } finally {
     reader.release();
     await reader.exited;
@@ -106,6 +124,8 @@ export async function runReadingProgram(options, prepare) {
   try {
     loadKeys(options.keys);
     prepared = prepare(preparePersona(options));
+    const { kind, settings, persona } = prepared;
+    checkRules(persona, kind, new CardLink(kind === 'passport' ? new PassportChip(unpackPassport(settings.passport)) : new IdentityCard()));
   } catch (error) {
     fail(error.message);
   }
@@ -131,8 +151,8 @@ export async function runReadingProgram(options, prepare) {
 }
 
 function report({ code, flag, data, error, monitor, ms }, teller) {
-  say(code === 0 ? colours.green(`read in ${ms} ms`) : colours.red(`failed: ${error?.message ?? `code ${code}`}`));
+  say(code === 0 ? colours.green(`read in ${ms} ms`) : colours.red(`failed: ${error?.message ?? codeInWords(code)}`));
   if (flag === 1 && data?.info) teller.person(data.info);
   else say(dotted('flag', flag)), say(dotted('data', JSON.stringify(data)));
-  if (monitor) say(dotted('monitor record', monitor.raw));
+  if (monitor?.record) for (const [name, value] of recordTexts(monitor.record)) say(colours.dim(dotted(name, value === '' ? '(empty)' : value)));
 }

@@ -1,39 +1,30 @@
 // A decode server in a process of its own. The parent sends { start: config } and may send { update: partial }
-// and { stop: true }; the child sends { event, subject } for 'listening' and for every event of the server.
+// and { stop: true }; the child tells of 'listening' and of every event of the server.
 // See ../processes.mjs for the parent's side.
 
 import { Difference } from '../difference.mjs';
 import { DecodeServer } from '../decode-server/server.mjs';
+import { obey, tell } from './parent.mjs';
 
 const kEvents = ['connection', 'exchange', 'monitor', 'verification', 'difference'];
 const plain = (subject) => (subject instanceof Difference ? subject.toJSON() : subject);
 
 let server;
 
-function tell(event, subject) {
-  if (process.connected) process.send({ event, subject });
-}
-
-process.on('message', async ({ start, update, stop }) => {
-  try {
-    if (start) {
-      server = new DecodeServer(start);
-      for (const event of kEvents) {
-        server.on(event, (subject) => {
-          const difference = subject.difference && plain(subject.difference);
-          tell(event, difference ? { ...subject, difference } : plain(subject));
-        });
-      }
-      tell('listening', await server.start());
+obey(async ({ start, update, stop }) => {
+  if (start) {
+    server = new DecodeServer(start);
+    for (const event of kEvents) {
+      server.on(event, (subject) => {
+        const difference = subject.difference && plain(subject.difference);
+        tell(event, difference ? { ...subject, difference } : plain(subject));
+      });
     }
-    if (update) server.update(update);
-    if (stop) {
-      await server?.stop();
-      process.disconnect();
-    }
-  } catch (error) {
-    tell('failed', error.message);
-    process.exitCode = 1;
+    tell('listening', await server.start());
+  }
+  if (update) server.update(update);
+  if (stop) {
+    await server?.stop();
     process.disconnect();
   }
 });

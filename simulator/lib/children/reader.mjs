@@ -1,5 +1,5 @@
 // A reader application with a card or a passport in a process of its own. The parent sends { read: options } once; the child
-// performs one read, sends { event, subject } as things happen, and ends when the parent lets go of it.
+// performs one read, tells of it as things happen, and ends when the parent lets go of it.
 // See ../processes.mjs for the parent's side.
 
 import { Application } from '../application.mjs';
@@ -7,11 +7,9 @@ import { CardLink } from '../card-link.mjs';
 import { IdentityCard } from '../identity-card.mjs';
 import { PassportChip } from '../passport/chip.mjs';
 import { unpackPassport } from '../passport-persona.mjs';
+import { now } from '../clock.mjs';
 import { Reader } from '../reader.mjs';
-
-function tell(event, subject) {
-  if (process.connected) process.send({ event, subject });
-}
+import { obey, tell } from './parent.mjs';
 
 /** What lies on the phone: the passport when there is one, or else a card. */
 function document({ card, passport, identity }) {
@@ -28,14 +26,9 @@ async function read({ library, identity, card: secrets, passport: plain, claimed
   const reader = cardRules?.length ? new Reader({ library, link }) : new Application({ library, link });
   card.on('difference', (difference) => tell('card-difference', difference.toJSON()));
   reader.on('difference', (difference) => tell('reader-difference', difference.toJSON()));
-  for (const event of ['command', 'step', 'monitor']) reader.on(event, (subject) => tell(event, subject));
-  tell('started', { at: Date.now() });
-  tell('result', { ...await reader.read({ identity, passport: claimed ?? passport, timeoutMs }), at: Date.now() });
+  for (const event of ['command', 'rules', 'step', 'monitor']) reader.on(event, (subject) => tell(event, subject));
+  tell('started', { at: now() });
+  tell('result', { ...await reader.read({ identity, passport: claimed ?? passport, timeoutMs }), at: now() });
 }
 
-process.once('message', (message) => {
-  read(message.read).catch((error) => {
-    tell('failed', error.message);
-    process.exitCode = 1;
-  });
-});
+obey(({ read: options }) => read(options));

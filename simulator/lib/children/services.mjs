@@ -1,14 +1,12 @@
 // An application that asks the two small services, in a process of its own: both calls block its thread. The parent sends
-// { ask: { library, delay: [rounds, host], location: [arguments of getDeviceNFCLocation but the time function] } }; the child
-// sends { event, subject } for 'delay' and 'location' and ends when the parent lets go of it.
+// { ask: { library, delay: { rounds, host }, location: an AntennaQuery } }; the child
+// tells of 'delay' and 'location', as far as it is asked for them, and ends when the parent lets go of it.
 // See ../processes.mjs for the parent's side.
 
-import { TqReader } from '../package.mjs';
+import { TqError, TqReader } from '../package.mjs';
+import { now } from '../clock.mjs';
 import { loadLibrary } from '../reader.mjs';
-
-function tell(event, subject) {
-  if (process.connected) process.send({ event, subject });
-}
+import { obey, tell } from './parent.mjs';
 
 /** The module, with every reading of the clock that the location request is given in `times`. */
 function withTimes(module, times) {
@@ -23,23 +21,19 @@ function withTimes(module, times) {
 }
 
 async function timed(call) {
-  const at = Date.now();
-  const result = await call();
-  return { at, result, ms: Date.now() - at };
+  const at = now();
+  const result = await call().catch((error) => { // an answer, too: the code of a failure
+    if (!(error instanceof TqError)) throw error;
+    return error.code;
+  });
+  return { at, result, ms: Math.round(now() - at) };
 }
 
-async function ask({ library, delay: [rounds, latencyServer], location }) {
+async function ask({ library, delay, location }) {
   const times = [];
   const reader = new TqReader(withTimes(loadLibrary(library), times));
-  const [appid, environment, host, port, manufacturer, marketName] = location;
-  tell('delay', await timed(() => reader.measureDelay(latencyServer, rounds)));
-  const query = { appid, environment, host, port, manufacturer, marketName };
-  tell('location', { ...await timed(() => reader.antennaLocation(query)), times });
+  if (delay) tell('delay', await timed(() => reader.measureDelay(delay.host, delay.rounds)));
+  if (location) tell('location', { ...await timed(() => reader.antennaLocation(location)), times });
 }
 
-process.once('message', (message) => {
-  ask(message.ask).catch((error) => {
-    tell('failed', error.message);
-    process.exitCode = 1;
-  });
-});
+obey(({ ask: options }) => ask(options));

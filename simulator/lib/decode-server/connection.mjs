@@ -3,6 +3,7 @@
 
 import { setTimeout as sleep } from 'node:timers/promises';
 import { commandName, fromHex, hex } from '../bytes.mjs';
+import { now } from '../clock.mjs';
 import { Difference } from '../difference.mjs';
 import { codeOf, encodeReply, requestLength } from './frames.mjs';
 import { applyRules } from './misbehaviour.mjs';
@@ -42,8 +43,9 @@ export class Connection {
       server.report('connection', { connection: number, state: 'closed', monitored, awaited });
     });
     const remote = `${socket.remoteAddress}:${socket.remotePort}`;
-    server.report('connection', { connection: number, state: 'open', remote });
-    this.#greet(server.misbehaviour.matching('connect', { connection: number }));
+    const rules = server.misbehaviour.matching('connect', { connection: number });
+    server.report('connection', { connection: number, state: 'open', remote, rules: rules.map((rule) => rule.do) });
+    this.#greet(rules);
   }
 
   destroy() {
@@ -100,7 +102,7 @@ export class Connection {
   async #exchange(request) {
     const exchange = {
       connection: this.number, index: this.#index, command: commandName(codeOf(request)),
-      request: Buffer.from(request), response: null, receivedAt: Date.now(), answeredAt: null, fields: null, rules: [],
+      request: Buffer.from(request), response: null, receivedAt: now(), answeredAt: null, fields: null, rules: [],
     };
     this.#index += 1;
     if (this.#received.length > 0) {
@@ -134,7 +136,7 @@ export class Connection {
     if (fields.verification) this.#server.report('verification', { connection: this.number, ...fields.verification });
     const sent = await this.#deliver(wire, plan.delivery);
     exchange.response = sent;
-    exchange.answeredAt = sent ? Date.now() : null;
+    exchange.answeredAt = sent ? now() : null;
     this.#server.report('exchange', exchange);
     if (plan.delivery.then) this.#finish(plan.delivery.then);
   }
@@ -184,7 +186,7 @@ export class Connection {
       if (what !== 'silence') this.#finish(what);
     }
     if (exchange) {
-      this.#server.report('exchange', { ...exchange, response, difference, answeredAt: response ? Date.now() : null });
+      this.#server.report('exchange', { ...exchange, response, difference, answeredAt: response ? now() : null });
     } else {
       this.#deaf = true;
     }
