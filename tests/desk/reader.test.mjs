@@ -1,0 +1,117 @@
+// The way over PC/SC, with the real service and a virtual reader in which a simulated passport lies.
+
+import assert from 'node:assert/strict';
+import { spawn } from 'node:child_process';
+import { once } from 'node:events';
+import { existsSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
+import { tmpdir } from 'node:os';
+import { join } from 'node:path';
+import { after, test } from 'node:test';
+import { fileURLToPath } from 'node:url';
+import { PcscCard, ReaderWatch } from '../../desk/lib/pcsc.mjs';
+import { PassportChip } from '../../simulator/lib/passport/chip.mjs';
+import { issuePassport } from '../../simulator/lib/passport/specimen.mjs';
+import { VirtualCard, startService, until } from './virtual-reader.mjs';
+
+const kProgram = fileURLToPath(new URL('../../desk/bin/read-passport.mjs', import.meta.url));
+const kPrinted = ['--number', 'SPEC01234', '--birth', '900101', '--expiry', '341231'];
+const kFolder = mkdtempSync(join(tmpdir(), 'desk-'));
+const passport = issuePassport();
+let service = null;
+after(async () => {
+  rmSync(kFolder, { recursive: true });
+  await service?.stop();
+});
+
+async function readPassport(...args) {
+  const program = spawn(process.execPath, [kProgram, ...args], { stdio: ['ignore', 'pipe', 'pipe'] });
+  let told = '';
+  for (const stream of [program.stdout, program.stderr]) stream.on('data', (text) => { told += text; });
+  const [code] = await once(program, 'close');
+  return { code, told };
+}
+
+/** A passport in the virtual reader; `before` is called with the number of each command. */
+async function withPassport(use, before = () => {}) {
+  const chip = new PassportChip(passport);
+  let count = 0;
+  const card = new VirtualCard(async (command) => {
+    count += 1;
+    await before(count, card);
+    return chip.respond(command).answer;
+  });
+  card.insert();
+  try {
+    await use(card);
+  } finally {
+    await card.remove();
+    const watch = new ReaderWatch();
+    await until(() => watch.error || (watch.readers.length > 0 && watch.readers.every(({ state }) => state === 'empty')), 'the reader is empty');
+    await watch.close();
+  }
+  return chip;
+}
+
+test('without the service', async () => {
+  const { code, told } = await readPassport(...kPrinted, '--wait', '0');
+  assert.equal(code, 1);
+  assert.match(told, /PC\/SC service is not running/);
+});
+
+test('with the service', async (t) => {
+  service = await startService();
+
+  await t.test('no card', async () => {
+    const { code, told } = await readPassport(...kPrinted, '--wait', '0');
+    assert.equal(code, 1);
+    assert.match(told, /no card on the reader/);
+  });
+
+  await t.test('no such reader', async () => {
+    const { told } = await readPassport(...kPrinted, '--wait', '0', '--reader', 'Contactless');
+    assert.match(told, /There is no card reader/);
+  });
+
+  await t.test('a good read brings the files and the holder', async () => {
+    const chip = await withPassport(async () => {
+      const { code, told } = await readPassport(...kPrinted, '--save', kFolder);
+      assert.equal(code, 0, told);
+      assert.match(told, /surname \.* SPECIMEN/);
+      assert.match(told, /good +The chip is no copy/);
+    });
+    assert.deepEqual(chip.differences, []);
+    assert.deepEqual(readFileSync(join(kFolder, 'DG2.bin')), passport.files.get(0x0102));
+    assert.ok(existsSync(join(kFolder, 'portrait.jpeg')));
+  });
+
+  await t.test('a reader in use', () => withPassport(async () => {
+    const watch = new ReaderWatch();
+    const held = await PcscCard.connect(await watch.readerWithCard({ waitMs: 5000 }));
+    const { code, told } = await readPassport(...kPrinted);
+    await Promise.all([held.close(), watch.close()]);
+    assert.equal(code, 1);
+    assert.match(told, /Another program is using the card reader/);
+  }));
+
+  await t.test('taken away in the middle', () => withPassport(async () => {
+    const { code, told } = await readPassport(...kPrinted);
+    assert.equal(code, 1);
+    assert.match(told, /The card was taken away/);
+  }, async (count, card) => {
+    if (count === 40) await card.remove();
+  }));
+
+  await t.test('other printed data', () => withPassport(async () => {
+    const { code, told } = await readPassport('--number', 'OTHER0001', ...kPrinted.slice(2));
+    assert.equal(code, 1);
+    assert.match(told, /Not read: .*refused to open/);
+  }));
+
+  await t.test('the service, and the reader with it, goes in the middle', () => withPassport(async () => {
+    const { code, told } = await readPassport(...kPrinted);
+    assert.equal(code, 1);
+    assert.match(told, /The card reader is gone|service (is not running|has been stopped|does not answer)/);
+  }, (count) => {
+    if (count === 40) service.kill();
+  }));
+});
