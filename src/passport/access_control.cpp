@@ -5,12 +5,10 @@
 #include <span>
 
 #include "core/session/card_relay.h"
-#include "crypto/des.h"
+#include "crypto/key_derivation.hpp"
 #include "crypto/sha1.h"
-#include "passport/three_des.hpp"
-#include "util/byte_cursor.hpp"
+#include "passport/mutual_authentication.hpp"
 #include "util/byte_text.h"
-#include "util/endian.hpp"
 #include "util/secret.hpp"
 
 namespace {
@@ -18,12 +16,7 @@ namespace {
 using Bytes = std::span<const uint8_t>;
 
 constexpr size_t kSeedLen = 16;
-constexpr size_t kCounterLen = 4;
-constexpr size_t kDigestLen = 20;  // of SHA-1
-
-// Counters of the key derivation, ICAO 9303-11 section 9.7.1.
-constexpr uint32_t kForEncryption = 1;
-constexpr uint32_t kForMac = 2;
+constexpr size_t kDigestLen = tq::kMrzDigestLen;
 
 constexpr std::array<uint32_t, 3> kWeights = {7, 3, 1};  // of a check digit, ICAO 9303-3 section 4.9
 
@@ -31,8 +24,6 @@ constexpr std::array<uint32_t, 3> kWeights = {7, 3, 1};  // of a check digit, IC
 constexpr uint8_t kSelectApplication[] = {0x00, 0xA4, 0x04, 0x0C, 0x07, 0xA0,
                                           0x00, 0x00, 0x02, 0x47, 0x10, 0x01};
 constexpr uint8_t kGetChallenge[] = {0x00, 0x84, 0x00, 0x00, 0x08};
-constexpr uint8_t kExternalAuthenticate[] = {0x00, 0x82, 0x00, 0x00, 0x28};
-constexpr uint8_t kAuthenticationAnswerLen = 0x28;
 
 // "<" and whatever does not belong in the machine-readable zone count 0.
 uint32_t value_of(uint8_t c) {
@@ -53,44 +44,46 @@ bool absorb_field(TQSHA1Context& ctx, const char* field) {
   return TQSHA1Input(&ctx, &check_digit, 1) == shaSuccess;
 }
 
-// Takes the seed with the four bytes of the counter behind it, which it writes.
-bool derive_key(tq::Secret<kSeedLen + kCounterLen>& seed, uint32_t counter, uint8_t* key) {
-  tq::store_be32(counter, seed.data() + kSeedLen);
-  tq::Secret<kDigestLen> digest;
-  if (TQSHA1Parse(seed.data(), seed.size(), digest.data(), kDigestLen) != kDigestLen) return false;
-  tq_des_key_set_parity(digest.data());
-  tq_des_key_set_parity(digest.data() + tq::kDesBlockLen);
-  std::copy_n(digest.data(), tq::kTwoKeyLen, key);
-  return true;
-}
-
 int32_t send(SessionConfig* ctx, Bytes command, uint8_t next_step) {
   return tq_read_card_send(ctx, command.data(), static_cast<uint32_t>(command.size()), next_step);
 }
 
 }  // namespace
 
+namespace tq {
+
+bool digest_mrz(const char* number, const char* birth, const char* expiry,
+                std::span<uint8_t, kMrzDigestLen> out) {
+  if (number == nullptr || birth == nullptr || expiry == nullptr) return false;
+  TQSHA1Context ctx;
+  const WipeOnExit wipe_ctx(ctx);
+  return TQSHA1Reset(&ctx) == shaSuccess && absorb_field(ctx, number) && absorb_field(ctx, birth) &&
+         absorb_field(ctx, expiry) && TQSHA1Result(&ctx, out.data()) == shaSuccess;
+}
+
+}  // namespace tq
+
 extern "C" {
 
 int32_t create_bassis_key(const char* number, const char* birth, const char* expiry, uint8_t* kenc_out,
                           uint8_t* kmac_out) {
-  if (number == nullptr || birth == nullptr || expiry == nullptr) return TQ_FAILED;
-  TQSHA1Context ctx;
-  const tq::WipeOnExit wipe_ctx(ctx);
   tq::Secret<kDigestLen> digest;  // its first 16 bytes are the key seed
-  if (TQSHA1Reset(&ctx) != shaSuccess || !absorb_field(ctx, number) || !absorb_field(ctx, birth) ||
-      !absorb_field(ctx, expiry) || TQSHA1Result(&ctx, digest.data()) != shaSuccess) {
-    return TQ_FAILED;
-  }
+  if (!tq::digest_mrz(number, birth, expiry, digest.bytes())) return TQ_FAILED;
   return create_key_share(digest.data(), kenc_out, kmac_out);
 }
 
 int32_t create_key_share(const uint8_t* seed16, uint8_t* kenc_out, uint8_t* kmac_out) {
   if (seed16 == nullptr || kenc_out == nullptr || kmac_out == nullptr) return TQ_FAILED;
-  tq::Secret<kSeedLen + kCounterLen> seed;
+  tq::Secret<kSeedLen> seed;  // an output may be in its place
   std::copy_n(seed16, kSeedLen, seed.data());
-  const bool derived = derive_key(seed, kForEncryption, kenc_out) && derive_key(seed, kForMac, kmac_out);
-  return derived ? TQ_OK : TQ_FAILED;
+  const auto derive = [&seed](tq::KeyUse use, uint8_t* out) {
+    const std::span<uint8_t> key(out, tq::kTwoKeyLen);
+    tq::derive_key(seed.bytes(), use, key);
+    tq::set_des_parity(key);
+  };
+  derive(tq::KeyUse::kEncryption, kenc_out);
+  derive(tq::KeyUse::kMac, kmac_out);
+  return TQ_OK;
 }
 
 int32_t passport_find_card(SessionConfig* ctx, uint8_t next_step) {
@@ -104,13 +97,10 @@ int32_t passport_rand_number_IC(SessionConfig* ctx, uint8_t next_step) {
 int32_t passport_external_auth(SessionConfig* ctx, const uint8_t* e_ifd32, const uint8_t* m_ifd8,
                                uint8_t next_step) {
   if (e_ifd32 == nullptr || m_ifd8 == nullptr) return TQ_FAILED;
-  std::array<uint8_t, sizeof kExternalAuthenticate + TQ_E_IFD_LENGTH + TQ_RETAIL_MAC_LENGTH + 1> command{};
-  tq::ByteWriter w(command);
-  w.bytes(kExternalAuthenticate);
-  w.bytes({e_ifd32, TQ_E_IFD_LENGTH});
-  w.bytes({m_ifd8, TQ_RETAIL_MAC_LENGTH});
-  w.u8(kAuthenticationAnswerLen);
-  return w.ok() ? send(ctx, command, next_step) : TQ_FAILED;
+  tq::Cryptogram cryptogram{};
+  std::copy_n(e_ifd32, cryptogram.e_ifd.size(), cryptogram.e_ifd.begin());
+  std::copy_n(m_ifd8, cryptogram.m_ifd.size(), cryptogram.m_ifd.begin());
+  return tq::send_cryptogram(ctx, cryptogram, tq::kCryptogramLen, next_step);
 }
 
 }  // extern "C"

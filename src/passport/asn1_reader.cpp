@@ -4,6 +4,7 @@
 
 #include "util/byte_cursor.hpp"
 #include "util/memory.h"
+#include "util/tlv.hpp"
 
 namespace {
 
@@ -23,15 +24,10 @@ ByteReader unread(const uint8_t* const* pos, const uint8_t* end) {
 }
 
 int32_t read_length(ByteReader& r, size_t& len) {
-  uint8_t first = 0;
-  if (!r.u8(first)) return TQ_ASN1_OUT_OF_DATA;
-  uint32_t value = first;
-  if (first >= 0x80) {
-    const size_t width = first & 0x7FU;
-    if (width == 0 || width > sizeof value) return TQ_ASN1_INVALID_LENGTH;
-    if (!r.number(width, value)) return TQ_ASN1_OUT_OF_DATA;
-  }
-  if (value > r.size()) return TQ_ASN1_OUT_OF_DATA;
+  uint32_t value = 0;
+  const tq::LengthField field = tq::read_length(r, tq::kAnyLengths, value);
+  if (field == tq::LengthField::kOdd) return TQ_ASN1_INVALID_LENGTH;
+  if (field == tq::LengthField::kCut || value > r.size()) return TQ_ASN1_OUT_OF_DATA;
   len = value;
   return kOk;
 }

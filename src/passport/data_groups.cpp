@@ -4,6 +4,7 @@
 
 #include "passport/asn1_reader.h"
 #include "util/byte_cursor.hpp"
+#include "util/tlv.hpp"
 
 namespace {
 
@@ -54,20 +55,16 @@ bool read_tag(ByteReader& r, uint32_t& tag) {
   return ahead.u8(first) && r.number((first & 0x0F) == 0x0F ? 2 : 1, tag);
 }
 
-bool read_length(ByteReader& r, uint32_t& len) {
-  ByteReader ahead = r;
-  uint8_t first = 0;
-  if (!ahead.u8(first)) return false;
-  const bool is_long = first == 0x81 || first == 0x82;
-  if (is_long && !ahead.number(first & 0x7FU, len)) return false;
-  if (!is_long) len = first < 0x80 ? first : 0;
-  if (is_long || first < 0x80) r = ahead;
-  return true;
+// A form that these files do not have is taken for an object without length field or value.
+bool read_length_or_none(ByteReader& r, uint32_t& len) {
+  const tq::LengthField field = tq::read_length(r, tq::kChipLengths, len);
+  if (field == tq::LengthField::kOdd) len = 0;
+  return field != tq::LengthField::kCut;
 }
 
 bool read_header(ByteReader& r, uint32_t& len) {
   uint32_t tag = 0;
-  return read_tag(r, tag) && read_length(r, len);
+  return read_tag(r, tag) && read_length_or_none(r, len);
 }
 
 bool read_object(ByteReader& r, Bytes& value) {
@@ -207,7 +204,7 @@ int32_t RP_getNextTag(const uint8_t* data, uint32_t length, uint32_t* pos, uint3
 
 int32_t RP_getNextLength(const uint8_t* data, uint32_t length, uint32_t* pos, uint32_t* len_out) {
   if (len_out == nullptr) return TQ_FAILED;
-  return step_over(data, length, pos, [len_out](ByteReader& r) { return read_length(r, *len_out); });
+  return step_over(data, length, pos, [len_out](ByteReader& r) { return read_length_or_none(r, *len_out); });
 }
 
 int32_t RP_getNextValue(const uint8_t* data, uint32_t length, uint32_t* pos, uint32_t value_len,

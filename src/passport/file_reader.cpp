@@ -2,120 +2,77 @@
 
 #include <algorithm>
 #include <array>
-#include <span>
 
 #include "core/session/card_relay.h"
+#include "passport/callers_channel.hpp"
+#include "passport/file_reader.hpp"
 #include "passport/secure_messaging.h"
 #include "util/byte_cursor.hpp"
-#include "util/secret.hpp"
 
-namespace {
+namespace tq {
 
 using Bytes = std::span<const uint8_t>;
 
-constexpr uint32_t kFirstChunk = 4;  // asked for at first: tag, length field, and what fits of the value
-
-// The size of a file by the length field behind its tag of one byte; 0 when `start` does not tell it.
-size_t size_in_header(Bytes start) {
-  tq::ByteReader r(start);
-  uint8_t first = 0;
-  if (!r.skip(1) || !r.u8(first)) return 0;
-  uint32_t value_len = first;
-  if (first >= 0x80) {
-    const bool has_length = first == 0x81 || first == 0x82;
-    if (!has_length || !r.number(first & 0x7FU, value_len)) return 0;
-  }
-  return start.size() - r.size() + value_len;
+int32_t send_protected(SessionConfig& cfg, SecureChannel& channel, const PlainCommand& command,
+                       uint8_t step) {
+  std::array<uint8_t, TQ_PROTECTED_COMMAND_MAX> sent{};
+  size_t len = 0;
+  if (!channel.protect(command, sent, len)) return TQ_FAILED;
+  return tq_read_card_send(&cfg, sent.data(), static_cast<uint32_t>(len), step);
 }
 
-// Bytes of the file that have not come yet.
-uint32_t num_missing(const PassportFileRecord& row) {
-  const uint32_t behind_first = row.received - row.firstChunk;
-  return row.remaining > behind_first ? row.remaining - behind_first : 0;
+int32_t send_select(SessionConfig& cfg, SecureChannel& channel, uint16_t file_id, uint8_t step,
+                    bool with_le) {
+  const std::array<uint8_t, 2> id = {static_cast<uint8_t>(file_id >> 8), static_cast<uint8_t>(file_id)};
+  PlainCommand command = {{0x00, 0xA4, 0x02, 0x0C}, id};
+  if (with_le) command.le = id[1];
+  return send_protected(cfg, channel, command, step);
 }
 
-class FileTable {
- public:
-  FileTable(PassportFileRecord* rows, uint32_t& count) : rows_(rows), count_(count) {}
-
-  PassportFileRecord* find(uint16_t file_id) {
-    const auto has_id = [file_id](const PassportFileRecord& row) { return row.fileId == file_id; };
-    PassportFileRecord* const end = rows_ + std::min<uint32_t>(count_, TQ_PASSPORT_FILES_MAX);
-    PassportFileRecord* const found = std::find_if(rows_, end, has_id);
-    return found == end ? nullptr : found;
-  }
-
-  // A row without data, or null when the table is full.
-  PassportFileRecord* append(uint16_t file_id, uint32_t status) {
-    if (count_ >= TQ_PASSPORT_FILES_MAX) return nullptr;
-    PassportFileRecord& row = rows_[count_++];
-    row = {};
-    row.fileId = file_id;
-    row.status = status;
-    return &row;
-  }
-
- private:
-  PassportFileRecord* rows_;
-  uint32_t& count_;
-};
-
-// Keeps the first chunk in a block that has room for the whole file. The header claims a value of at most
-// 65535 bytes.
-bool begin_file(PassportFileRecord& row, Bytes chunk) {
-  if (chunk.empty()) return true;
-  const size_t file_size = std::max(size_in_header(chunk), chunk.size());
-  tq::ScratchBuffer block(file_size);
-  if (!block || !tq::copy_bytes(chunk, block.bytes())) return false;
-  row.data = block.release();
-  row.received = static_cast<uint32_t>(chunk.size());
-  row.firstChunk = static_cast<uint8_t>(chunk.size());
-  row.remaining = static_cast<uint32_t>(file_size - chunk.size());
-  return true;
+int32_t send_read(SessionConfig& cfg, SecureChannel& channel, size_t offset, size_t count, uint8_t step) {
+  const PlainCommand command = {
+      .header = {0x00, 0xB0, static_cast<uint8_t>(offset >> 8), static_cast<uint8_t>(offset)},
+      .le = static_cast<uint8_t>(count)};
+  return send_protected(cfg, channel, command, step);
 }
 
-// `chunk` is at most what is missing.
-void append_chunk(PassportFileRecord& row, Bytes chunk) {
-  std::copy(chunk.begin(), chunk.end(), row.data + row.received);
-  row.received += static_cast<uint32_t>(chunk.size());
+int32_t open_answer(SessionConfig& cfg, SecureChannel& channel, Bytes answer, std::span<uint8_t> out) {
+  std::array<uint8_t, TQ_CARD_ANSWER_MAX> objects{};
+  const int32_t objects_len = tq_read_card_anlysis(&cfg, answer.data(), static_cast<uint32_t>(answer.size()),
+                                                   objects.data(), static_cast<uint32_t>(objects.size()));
+  if (objects_len < 0) return objects_len;
+  size_t len = 0;
+  const Opened opened = channel.open(std::span(objects).first(static_cast<size_t>(objects_len)), out, len);
+  if (opened == Opened::kNotAuthentic) channel.count_lost_answer();
+  return opened == Opened::kYes ? static_cast<int32_t>(len) : int32_t{TQ_CARD_FAILED};
 }
 
-int32_t ask_for_next(SessionConfig& ctx, const PassportFileRecord& row, uint8_t step,
-                     PassportSession& session) {
-  const uint32_t count = std::min<uint32_t>(num_missing(row), ctx.readChunkSize);
-  const std::array<uint8_t, 5> command = {0x00, 0xB0, static_cast<uint8_t>(row.received >> 8),
-                                          static_cast<uint8_t>(row.received), static_cast<uint8_t>(count)};
-  const int32_t rc = passport_read_file(&ctx, command.data(), static_cast<uint32_t>(command.size()), step,
-                                        session.ksenc, session.ksmac, session.ssc, 1);
-  return rc < 0 ? static_cast<int32_t>(TQ_CARD_FAILED) : 1;
-}
-
-int32_t read_next(SessionConfig& ctx, uint32_t answer_len, uint16_t file_id, uint8_t step,
-                  PassportSession& session, FileTable table) {
-  PassportFileRecord* row = table.find(file_id);
-  tq::Secret<TQ_CARD_ANSWER_MAX> plain;
-  const int32_t plain_len =
-      passport_file_data_anlysis(&ctx, session.answer, answer_len, session.ksenc, session.ksmac, session.ssc,
-                                 plain.data(), static_cast<uint32_t>(plain.size()));
-  if (row != nullptr) row->status = ctx.lastStatusWord;
+int32_t read_next(SessionConfig& cfg, SecureChannel& channel, FileTable& files, Bytes answer,
+                  uint16_t file_id, uint8_t step) {
+  PassportFileRecord* row = files.find(file_id);
+  Secret<TQ_CARD_ANSWER_MAX> plain;
+  const int32_t plain_len = open_answer(cfg, channel, answer, plain.bytes());
+  if (row != nullptr) row->status = cfg.lastStatusWord;
   if (plain_len < 0) {
-    if (row == nullptr) table.append(file_id, ctx.lastStatusWord);
+    if (row == nullptr) files.append(file_id, cfg.lastStatusWord);
     return plain_len;
   }
-  const uint32_t asked =
-      row == nullptr ? kFirstChunk : std::min<uint32_t>(num_missing(*row), ctx.readChunkSize);
-  const Bytes chunk = plain.bytes().first(std::min(static_cast<uint32_t>(plain_len), asked));
+  const size_t asked = row == nullptr ? kFirstChunk : std::min<size_t>(num_missing(*row), cfg.readChunkSize);
+  const Bytes chunk = plain.bytes().first(std::min(static_cast<size_t>(plain_len), asked));
   if (row == nullptr) {
-    row = table.append(file_id, ctx.lastStatusWord);
+    row = files.append(file_id, cfg.lastStatusWord);
     if (row == nullptr || !begin_file(*row, chunk)) return TQ_CARD_FAILED;
-  } else if (!chunk.empty()) {
+  } else {
     append_chunk(*row, chunk);
   }
   if (chunk.empty() || num_missing(*row) == 0) return 0;
-  return ask_for_next(ctx, *row, step, session);
+  const size_t count = std::min<size_t>(num_missing(*row), cfg.readChunkSize);
+  return send_read(cfg, channel, row->received, count, step) < 0 ? int32_t{TQ_CARD_FAILED} : 1;
 }
 
-}  // namespace
+}  // namespace tq
+
+// --- for callers outside; nothing here uses them ---
 
 extern "C" {
 
@@ -152,7 +109,9 @@ int32_t passport_file_read_next(SessionConfig* ctx, uint32_t answer_len, uint16_
                                 PassportSession* session, PassportFileRecord* table, uint32_t* count) {
   if (ctx == nullptr || session == nullptr || table == nullptr || count == nullptr) return TQ_CARD_FAILED;
   if (answer_len > TQ_CARD_ANSWER_MAX) return TQ_CARD_FAILED;
-  return read_next(*ctx, answer_len, fileId, step, *session, {table, *count});
+  tq::CallersChannel callers(session->ksenc, session->ksmac, session->ssc);
+  tq::FileTable files(table, *count);
+  return tq::read_next(*ctx, callers.channel, files, {session->answer, answer_len}, fileId, step);
 }
 
 }  // extern "C"

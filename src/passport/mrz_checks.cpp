@@ -4,28 +4,19 @@
 #include <string_view>
 
 #include "util/byte_text.h"
+#include "util/text.hpp"
 
 namespace {
 
 constexpr size_t kNumberFieldLen = 9;  // of the machine-readable zone; shorter numbers are filled up
 constexpr char kFiller = '<';
-constexpr std::string_view kBlanks = " \t";
 
-bool is_digit(char c) {
-  return c >= '0' && c <= '9';
-}
+using tq::is_digit;
+using tq::is_letter_or_digit;
 
-bool is_letter_or_digit(char c) {
-  return is_digit(c) || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-}
-
-// The text between its blanks; empty for null.
-std::string_view trimmed(const char* input) {
-  if (input == nullptr) return {};
-  const std::string_view text(input);
-  const size_t first = text.find_first_not_of(kBlanks);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
+// Empty for null.
+std::string_view trimmed_or_empty(const char* input) {
+  return input == nullptr ? std::string_view{} : tq::trimmed(input);
 }
 
 }  // namespace
@@ -33,7 +24,7 @@ std::string_view trimmed(const char* input) {
 extern "C" {
 
 int32_t Passport_No_check(const char* input, char* out) {
-  const std::string_view number = trimmed(input);
+  const std::string_view number = trimmed_or_empty(input);
   if (number.empty() || out == nullptr) return TQ_MISSING_CALL;
   if (number.size() > TQ_DOCUMENT_NUMBER_MAX ||
       !std::all_of(number.begin(), number.end(), is_letter_or_digit)) {
@@ -45,7 +36,7 @@ int32_t Passport_No_check(const char* input, char* out) {
 }
 
 int32_t Date_of_birth_or_expiry_check(const char* input, char* out) {
-  const std::string_view date = trimmed(input);
+  const std::string_view date = trimmed_or_empty(input);
   if (date.empty() || out == nullptr) return TQ_MISSING_CALL;
   if (date.size() != TQ_MRZ_DATE_LENGTH || !std::all_of(date.begin(), date.end(), is_digit))
     return TQ_OUT_OF_RANGE;

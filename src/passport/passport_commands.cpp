@@ -1,22 +1,21 @@
 #include "passport/passport_commands.h"
 
 #include <algorithm>
-#include <array>
-#include <string_view>
 
-#include "protocol/command_frame.h"
-#include "protocol/result_report.h"
-#include "protocol/secret_frame.h"
+#include "core/result_code.hpp"
+#include "passport/passport_exchange.hpp"
+#include "protocol/frames.hpp"
+#include "protocol/result_report.hpp"
 #include "protocol/session_values.hpp"
 #include "protocol/tcp_transport.h"
 #include "util/byte_cursor.hpp"
-#include "util/byte_text.h"
 #include "util/secret.hpp"
 
 namespace tq {
 namespace {
 
-constexpr size_t kSecretRoom = 40;         // what encryption and framing may add to the first request
+using Bytes = std::span<const uint8_t>;
+
 constexpr uint32_t kLeastStartFrame = 14;  // shortest answers
 constexpr uint32_t kLeastFilesFrame = 13;
 constexpr size_t kFrameHead = 12;  // of a long request frame
@@ -26,109 +25,147 @@ constexpr size_t kFilesFraming = 260;  // lengths, times and what is to spare, b
 constexpr size_t kAnswerBufferSmall = 10240;
 constexpr size_t kAnswerBuffer = 65535;
 
-using FileTable = std::span<const PassportFileRecord>;
-
-FileTable table_of(const PassportFileRecord* table, uint32_t count) {
-  return table == nullptr ? FileTable{} : FileTable(table, count);
+FileRows rows_of(const PassportFileRecord* table, uint32_t count) {
+  return table == nullptr ? FileRows{} : FileRows(table, count);
 }
 
-size_t bytes_in(FileTable table) {
+size_t bytes_in(FileRows files) {
   size_t sum = 0;
-  for (const PassportFileRecord& file : table) sum += file.received;
+  for (const PassportFileRecord& file : files) sum += file.received;
   return sum;
 }
 
 // Bytes behind their 2-byte length. False when the length does not fit.
-bool write_counted(ByteWriter& w, std::span<const uint8_t> bytes) {
+bool write_counted(ByteWriter& w, Bytes bytes) {
   if (bytes.size() > UINT16_MAX) return false;
   w.number(static_cast<uint32_t>(bytes.size()), 2);
   w.bytes(bytes);
   return w.ok();
 }
 
-bool write_file(ByteWriter& w, FileTable table, uint16_t file_id) {
-  const int32_t row = get_dg_data_sub(table.data(), static_cast<uint32_t>(table.size()), file_id);
-  std::span<const uint8_t> bytes;
-  if (row >= 0) {
-    const PassportFileRecord& file = table[static_cast<size_t>(row)];
-    if (file.data != nullptr) bytes = {file.data, file.received};
-  }
-  return write_counted(w, bytes);
+bool write_file(ByteWriter& w, FileRows files, uint16_t file_id) {
+  const PassportFileRecord* const row = find_file(files, file_id);
+  return write_counted(w, row == nullptr ? Bytes{} : bytes_of(*row));
 }
 
-bool write_all_files(ByteWriter& w, FileTable table, std::span<const uint8_t> aa_answer,
-                     std::span<const uint8_t> challenge, const PassportTiming& timing) {
+bool write_content(ByteWriter& w, const PassportContent& content) {
   for (uint16_t id = TQ_EF_DG1; id <= TQ_EF_DG16; ++id) {
-    if (!write_file(w, table, id)) return false;
+    if (!write_file(w, content.files, id)) return false;
   }
-  if (!write_file(w, table, TQ_EF_SOD) || !write_counted(w, aa_answer)) return false;
-  w.bytes(challenge);
-  w.fill(0x00, TQ_AA_CHALLENGE_LENGTH - challenge.size());
-  if (!write_file(w, table, TQ_EF_COM)) return false;
-  w.number(timing.bacTime & 0xFFFF, 2);
-  w.number(timing.readTime & 0xFFFF, 2);
+  if (!write_file(w, content.files, TQ_EF_SOD) || !write_counted(w, content.aa_answer)) return false;
+  w.bytes(content.challenge);
+  w.fill(0x00, TQ_AA_CHALLENGE_LENGTH - content.challenge.size());
+  if (!write_file(w, content.files, TQ_EF_COM)) return false;
+  w.number(content.bac_time & 0xFFFF, 2);
+  w.number(content.read_time & 0xFFFF, 2);
   return w.ok();
 }
 
-// The key under which a file's status stands in the monitor record; empty for other identifiers.
-std::string_view status_name(uint16_t file_id, std::span<char> room) {
-  if (file_id == TQ_EF_SOD) return "sod_str";
-  if (file_id == TQ_EF_COM) return "com_str";
-  if (file_id < TQ_EF_DG1 || file_id > TQ_EF_DG16) return {};
-  constexpr std::string_view kStart = "dg";
-  constexpr std::string_view kEnd = "_str";
-  auto at = std::copy(kStart.begin(), kStart.end(), room.begin());
-  const int number = file_id & 0xFF;
-  if (number >= 10) *at++ = static_cast<char>('0' + number / 10);
-  *at++ = static_cast<char>('0' + number % 10);
-  at = std::copy(kEnd.begin(), kEnd.end(), at);
-  return {room.data(), static_cast<size_t>(at - room.begin())};
+constexpr FrameHead kStartHead = {kHeaderPassport, kPassportStart};
+constexpr FrameHead kFilesHead = {kHeaderPassport, kPassportFiles};
+constexpr FrameHead kDecodedHead = {kHeaderPassport, kPassportFiles, kTypeFlagged};
+
+// The requests. Return their length, or TQ_FAILED.
+
+int32_t build_start(SessionConfig& cfg, WorkKey key, std::span<uint8_t> out) {
+  Secret<kRequestStartMax> data;
+  ByteWriter w(data.bytes());
+  if (!write_request_start(w, cfg)) return TQ_FAILED;
+  return build_secret_request(kStartHead, w.written(), key, out);
 }
 
-// Text in a zeroed buffer that always keeps a NUL at its end.
-class StatusText {
+int32_t build_files(WorkKey key, PassportToken token, const PassportContent& content,
+                    std::span<uint8_t> out) {
+  if (content.challenge.size() > TQ_AA_CHALLENGE_LENGTH || out.size() < kFrameHead + token.size())
+    return TQ_FAILED;
+  ScratchBuffer data(bytes_in(content.files) + content.aa_answer.size() + content.challenge.size() +
+                     kFilesFraming);
+  if (!data) return TQ_FAILED;
+  ByteWriter w(data.bytes());
+  if (!write_content(w, content)) return TQ_FAILED;
+
+  // Token and encrypted files go to where they stay, so that the files are not copied once more.
+  const std::span<uint8_t> payload = out.subspan(kFrameHead);
+  std::copy(token.begin(), token.end(), payload.begin());
+  const int32_t len = seal_secret_frame(w.written(), kPassportFiles, key, payload.subspan(token.size()));
+  if (len < 0) return TQ_FAILED;
+  return build_frame(kFilesHead, payload.first(token.size() + static_cast<size_t>(len)), out);
+}
+
+// The answers. Return the length of what they bring, TQ_FAILED, or the server's status.
+
+int32_t parse_start(Bytes frame, WorkKey key, std::span<uint8_t> token) {
+  if (frame.size() < kLeastStartFrame) return TQ_FAILED;
+  ScratchBuffer payload(frame.size());
+  if (!payload) return TQ_FAILED;
+  const int32_t len = open_frame(frame, kStartHead, key, payload.bytes());
+  if (len < 0) return len;
+  if (static_cast<size_t>(len) > token.size()) return TQ_FAILED;
+  std::fill(token.begin(), token.end(), uint8_t{0});
+  static_cast<void>(copy_bytes(payload.bytes().first(static_cast<size_t>(len)), token));
+  return len;
+}
+
+int32_t parse_decoded(Bytes frame, WorkKey key, std::span<uint8_t> out) {
+  return frame.size() < kLeastFilesFrame ? int32_t{TQ_FAILED} : open_frame(frame, kDecodedHead, key, out);
+}
+
+// One exchange: the answer's buffer as `readMode` wants it. `received` is the frame in it.
+class Exchange {
  public:
-  explicit StatusText(std::span<char> out) : out_(out) { std::fill(out_.begin(), out_.end(), '\0'); }
+  explicit Exchange(const SessionConfig& cfg)
+      : cfg_(cfg), answer_(cfg.readMode != 0 ? kAnswerBufferSmall : kAnswerBuffer) {}
 
-  size_t size() const { return len_; }
-
-  // Adds a row; false, and nothing added, when it does not fit.
-  bool add(std::string_view name, std::string_view status) {
-    const size_t needed = (len_ > 0 ? 1 : 0) + name.size() + 1 + status.size();
-    if (needed >= out_.size() - len_) return false;
-    if (len_ > 0) put(";");
-    put(name);
-    put(":");
-    put(status);
-    return true;
+  // Returns TQ_OK, or the read's result code.
+  int32_t run(Bytes request) {
+    if (!answer_) return TQ_REQUEST_NOT_BUILT;
+    const int32_t len =
+        tcp_send_and_recv(&cfg_, request.data(), static_cast<uint32_t>(request.size()), answer_.data(),
+                          static_cast<uint32_t>(answer_.size()), TQ_LONG_FRAME);
+    if (len < 0) return TQ_EXCHANGE_FAILED;
+    received_ = static_cast<size_t>(len);
+    return TQ_OK;
   }
+  Bytes received() const { return answer_.bytes().first(received_); }
+  std::span<uint8_t> room() { return answer_.bytes(); }
 
  private:
-  void put(std::string_view text) {
-    std::copy(text.begin(), text.end(), out_.begin() + static_cast<ptrdiff_t>(len_));
-    len_ += text.size();
-  }
-
-  std::span<char> out_;
-  size_t len_ = 0;
+  const SessionConfig& cfg_;
+  ScratchBuffer answer_;
+  size_t received_ = 0;
 };
 
-int32_t malformed_unless_status(int32_t code) {
-  return code == TQ_FAILED ? static_cast<int32_t>(TQ_RESPONSE_MALFORMED) : code;
-}
-
-int32_t exchange(SessionConfig& cfg, ScratchBuffer& request, int32_t request_len, ScratchBuffer& answer) {
-  return tcp_send_and_recv(&cfg, request.data(), static_cast<uint32_t>(request_len), answer.data(),
-                           static_cast<uint32_t>(answer.size()), TQ_LONG_FRAME);
-}
-
-size_t request_buffer_size(int32_t kind, FileTable table) {
-  if (kind == TQ_EXCHANGE_7201) return kStartRequestBuffer;
-  return table.empty() ? kEmptyRequestBuffer : 2 * (kStartRequestBuffer + bytes_in(table));
-}
-
 }  // namespace
+
+int32_t start_on_server(SessionConfig& cfg, WorkKey work_key,
+                        std::span<uint8_t, TQ_PASSPORT_TOKEN_LENGTH> token) {
+  ScratchBuffer request(kStartRequestBuffer);
+  if (!request) return TQ_REQUEST_NOT_BUILT;
+  const int32_t len = build_start(cfg, work_key, request.bytes());
+  if (len < 0) return failed_as(TQ_REQUEST_NOT_BUILT, len);
+  Exchange exchange(cfg);
+  if (int32_t rc = exchange.run(request.bytes().first(static_cast<size_t>(len))); rc < 0) return rc;
+  const int32_t rc = parse_start(exchange.received(), work_key, token);
+  return rc < 0 ? failed_as(TQ_RESPONSE_MALFORMED, rc) : int32_t{TQ_OK};
+}
+
+int32_t decode_on_server(SessionConfig& cfg, WorkKey work_key, PassportToken token,
+                         const PassportContent& content, info_data& result) {
+  ScratchBuffer request(content.files.empty() ? kEmptyRequestBuffer
+                                              : 2 * (kStartRequestBuffer + bytes_in(content.files)));
+  if (!request) return TQ_REQUEST_NOT_BUILT;
+  const int32_t len = build_files(work_key, token, content, request.bytes());
+  if (len < 0) return failed_as(TQ_REQUEST_NOT_BUILT, len);
+  Exchange exchange(cfg);
+  if (int32_t rc = exchange.run(request.bytes().first(static_cast<size_t>(len))); rc < 0) return rc;
+  const int32_t decoded_len = parse_decoded(exchange.received(), work_key, exchange.room());
+  if (decoded_len < 0) return failed_as(TQ_RESPONSE_MALFORMED, decoded_len);
+  return make_result(cfg, exchange.room().first(static_cast<size_t>(decoded_len)), result);
+}
+
 }  // namespace tq
+
+// --- for callers outside; nothing here uses them ---
 
 extern "C" {
 
@@ -138,65 +175,29 @@ int32_t passport_server_exchange(SessionConfig* ctx, const uint8_t* workKeys, in
                                  uint32_t challengeLength, const PassportTiming* timingPair) {
   using namespace tq;
   if (ctx == nullptr || workKeys == nullptr || token == nullptr) return TQ_REQUEST_NOT_BUILT;
-  const bool starts = kind == TQ_EXCHANGE_7201;
-  if (!starts && result == nullptr) return TQ_REQUEST_NOT_BUILT;
-  ScratchBuffer request(request_buffer_size(kind, table_of(fileTable, fileCount)));
-  if (!request) return TQ_REQUEST_NOT_BUILT;
-  const auto room = static_cast<uint32_t>(request.size());
-  const int32_t request_len =
-      starts ? input_7201_cmd_group(ctx, workKeys, request.data(), room)
-             : input_7202_cmd_group(fileTable, fileCount, workKeys, aaAnswer, aaLength, challenge,
-                                    challengeLength, request.data(), room, token, timingPair);
-  if (request_len < 0)
-    return request_len == TQ_FAILED ? static_cast<int32_t>(TQ_REQUEST_NOT_BUILT) : request_len;
-
-  ScratchBuffer answer(ctx->readMode != 0 ? kAnswerBufferSmall : kAnswerBuffer);
-  if (!answer) return TQ_REQUEST_NOT_BUILT;
-  const int32_t num_received = exchange(*ctx, request, request_len, answer);
-  if (num_received < 0) return TQ_EXCHANGE_FAILED;
-  const auto answer_len = static_cast<uint32_t>(num_received);
-  if (starts) {
-    return malformed_unless_status(
-        output_7201_cmd_analysis(answer.data(), answer_len, workKeys, token, TQ_PASSPORT_TOKEN_LENGTH));
-  }
-  const int32_t len = output_7202_cmd_analysis(answer.data(), answer_len, workKeys, answer.data(),
-                                               static_cast<uint32_t>(answer.size()));
-  if (len < 0) return malformed_unless_status(len);
-  return result_info_data_parse(ctx, answer.data(), static_cast<uint32_t>(len), result);
+  const WorkKey work_key = work_key_at(workKeys);
+  const std::span<uint8_t, TQ_PASSPORT_TOKEN_LENGTH> the_token(token, TQ_PASSPORT_TOKEN_LENGTH);
+  if (kind == TQ_EXCHANGE_7201) return start_on_server(*ctx, work_key, the_token);
+  if (result == nullptr || timingPair == nullptr) return TQ_REQUEST_NOT_BUILT;
+  const PassportContent content = {rows_of(fileTable, fileCount),
+                                   {aaAnswer, aaAnswer == nullptr ? 0 : aaLength},
+                                   {challenge, challenge == nullptr ? 0 : challengeLength},
+                                   timingPair->bacTime,
+                                   timingPair->readTime};
+  return decode_on_server(*ctx, work_key, the_token, content, *result);
 }
 
 int32_t input_7201_cmd_group(SessionConfig* ctx, const uint8_t* workKeys, uint8_t* out, uint32_t capacity) {
   using namespace tq;
   if (ctx == nullptr || workKeys == nullptr || out == nullptr) return TQ_FAILED;
-  Secret<kRequestStartMax> data;
-  ByteWriter w(data.bytes());
-  if (!write_request_start(w, *ctx)) return TQ_FAILED;
-
-  Secret<kRequestStartMax + kSecretRoom> secret;
-  const int32_t len =
-      input_secret_command_group(data.data(), static_cast<uint32_t>(w.size()), kPassportStart, workKeys,
-                                 secret.data(), static_cast<uint32_t>(w.size() + kSecretRoom));
-  if (len < 0) return TQ_FAILED;
-  return input_command_group(secret.data(), static_cast<uint32_t>(len), kHeaderPassport, kPassportStart,
-                             kFrameParameter, kTypePlain, out, capacity);
+  return build_start(*ctx, work_key_at(workKeys), {out, capacity});
 }
 
 int32_t output_7201_cmd_analysis(const uint8_t* frame, uint32_t length, const uint8_t* workKeys,
                                  uint8_t* token_out, uint32_t capacity) {
   using namespace tq;
-  if (frame == nullptr || workKeys == nullptr || token_out == nullptr || length < kLeastStartFrame)
-    return TQ_FAILED;
-  ScratchBuffer payload(length);
-  if (!payload) return TQ_FAILED;
-  uint32_t parameter = 0;
-  const int32_t len = output_command_anlysis(frame, length, kHeaderPassport, kPassportStart, &parameter,
-                                             kTypePlain, workKeys, payload.data(), length);
-  if (len < 0) return len;
-  const std::span<uint8_t> token(token_out, capacity);
-  if (static_cast<size_t>(len) > token.size()) return TQ_FAILED;
-  std::fill(token.begin(), token.end(), uint8_t{0});
-  static_cast<void>(copy_bytes(payload.bytes().first(static_cast<size_t>(len)), token));
-  return len;
+  if (frame == nullptr || workKeys == nullptr || token_out == nullptr) return TQ_FAILED;
+  return parse_start({frame, length}, work_key_at(workKeys), {token_out, capacity});
 }
 
 int32_t input_7202_cmd_group(const PassportFileRecord* table, uint32_t count, const uint8_t* workKeys,
@@ -205,59 +206,31 @@ int32_t input_7202_cmd_group(const PassportFileRecord* table, uint32_t count, co
                              const PassportTiming* timingPair) {
   using namespace tq;
   if (workKeys == nullptr || out == nullptr || token == nullptr || timingPair == nullptr) return TQ_FAILED;
-  if (challengeLength > TQ_AA_CHALLENGE_LENGTH || capacity < kFrameHead + TQ_PASSPORT_TOKEN_LENGTH)
-    return TQ_FAILED;
-  const FileTable files = table_of(table, count);
-  const std::span<const uint8_t> aa(aaAnswer, aaAnswer == nullptr ? 0 : aaLength);
-  const std::span<const uint8_t> asked(challenge, challenge == nullptr ? 0 : challengeLength);
-  ScratchBuffer data(bytes_in(files) + aa.size() + asked.size() + kFilesFraming);
-  if (!data) return TQ_FAILED;
-  ByteWriter w(data.bytes());
-  if (!write_all_files(w, files, aa, asked, *timingPair)) return TQ_FAILED;
-
-  // Token and encrypted files go to where they stay, so that the files are not copied once more.
-  const std::span<uint8_t> payload = std::span(out, capacity).subspan(kFrameHead);
-  std::copy_n(token, TQ_PASSPORT_TOKEN_LENGTH, payload.begin());
-  const std::span<uint8_t> secret = payload.subspan(TQ_PASSPORT_TOKEN_LENGTH);
-  const int32_t len =
-      input_secret_command_group(data.data(), static_cast<uint32_t>(w.size()), kPassportFiles, workKeys,
-                                 secret.data(), static_cast<uint32_t>(secret.size()));
-  if (len < 0) return TQ_FAILED;
-  return input_command_group(payload.data(), static_cast<uint32_t>(len) + TQ_PASSPORT_TOKEN_LENGTH,
-                             kHeaderPassport, kPassportFiles, kFrameParameter, kTypePlain, out, capacity);
+  const PassportContent content = {rows_of(table, count),
+                                   {aaAnswer, aaAnswer == nullptr ? 0 : aaLength},
+                                   {challenge, challenge == nullptr ? 0 : challengeLength},
+                                   timingPair->bacTime,
+                                   timingPair->readTime};
+  return build_files(work_key_at(workKeys), PassportToken(token, TQ_PASSPORT_TOKEN_LENGTH), content,
+                     {out, capacity});
 }
 
 int32_t output_7202_cmd_analysis(const uint8_t* frame, uint32_t length, const uint8_t* workKeys, uint8_t* out,
                                  uint32_t capacity) {
   using namespace tq;
-  if (frame == nullptr || workKeys == nullptr || out == nullptr || length < kLeastFilesFrame)
-    return TQ_FAILED;
-  uint32_t parameter = 0;
-  return output_command_anlysis(frame, length, kHeaderPassport, kPassportFiles, &parameter, kTypeFlagged,
-                                workKeys, out, capacity);
+  if (frame == nullptr || workKeys == nullptr || out == nullptr) return TQ_FAILED;
+  return parse_decoded({frame, length}, work_key_at(workKeys), {out, capacity});
 }
 
 int32_t get_dg_data_sub(const PassportFileRecord* table, uint32_t count, uint16_t fileId) {
-  const tq::FileTable files = tq::table_of(table, count);
-  const auto at = std::find_if(files.begin(), files.end(),
-                               [fileId](const PassportFileRecord& file) { return file.fileId == fileId; });
-  return at == files.end() ? -1 : static_cast<int32_t>(at - files.begin());
+  const tq::FileRows files = tq::rows_of(table, count);
+  const PassportFileRecord* const row = tq::find_file(files, fileId);
+  return row == nullptr ? -1 : static_cast<int32_t>(row - files.data());
 }
 
 int32_t passport_file_status_text(const PassportFileRecord* table, uint32_t count, char* out) {
-  using namespace tq;
   if (out == nullptr) return TQ_FAILED;
-  constexpr size_t kFull = 245;
-  StatusText text({out, TQ_STATUS_TEXT_SIZE});
-  for (const PassportFileRecord& file : table_of(table, count)) {
-    std::array<char, 16> name_room{};
-    const std::string_view name = status_name(file.fileId, name_room);
-    if (name.empty()) continue;
-    std::array<char, 66> status{};
-    if (file.status != 0) my_itoa(file.status, status.data(), 16);
-    if (!text.add(name, status.data()) || text.size() > kFull) break;
-  }
-  return static_cast<int32_t>(text.size());
+  return static_cast<int32_t>(tq::write_status_text(tq::rows_of(table, count), {out, TQ_STATUS_TEXT_SIZE}));
 }
 
 }  // extern "C"

@@ -1,4 +1,4 @@
-/* What the worker of one passport read keeps. Wiped as a whole at every ending. */
+/* What passport reads keep: their files, their times, and their place in secure messaging. */
 #ifndef TQREADER_PASSPORT_PASSPORT_SESSION_RECORD_H
 #define TQREADER_PASSPORT_PASSPORT_SESSION_RECORD_H
 
@@ -44,29 +44,12 @@ typedef struct PassportTiming {
   char statusText[TQ_STATUS_TEXT_SIZE]; /* per-file status, for the monitor record */
 } PassportTiming;
 
+/* What a caller of passport_file_read_next keeps of its read. */
 typedef struct PassportSession {
-  uint8_t kenc[16]; /* keys of the machine-readable zone */
-  uint8_t kmac[16];
   uint8_t ksenc[16]; /* session keys */
   uint8_t ksmac[16];
-  uint8_t ssc[8]; /* send sequence counter */
-  uint8_t rndIC[8];
-  uint8_t rndIFD[8];
-  uint8_t kIFD[16];
+  uint8_t ssc[8];                     /* send sequence counter */
   uint8_t answer[TQ_CARD_ANSWER_MAX]; /* the chip's answer that is being handled */
-  PassportFileRecord files[TQ_PASSPORT_FILES_MAX];
-  uint32_t fileCount;
-  uint32_t dataGroups[TQ_DATA_GROUPS_MAX]; /* in reading order */
-  uint32_t dataGroupCount;
-  uint32_t current; /* index of the data group being read */
-  uint8_t token[TQ_PASSPORT_TOKEN_LENGTH];
-  uint8_t aaChallenge[TQ_AA_CHALLENGE_LENGTH];
-  uint8_t aaAnswer[TQ_CARD_ANSWER_MAX];
-  uint16_t aaLength;
-  uint8_t aaSent;
-  uint8_t socketOpen;
-  uint8_t workKey[32];
-  PassportTiming timing;
 } PassportSession;
 
 #endif

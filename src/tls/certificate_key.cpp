@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "util/byte_cursor.hpp"
+#include "util/tlv.hpp"
 
 namespace tq::tls {
 
@@ -21,28 +22,11 @@ enum Tag : uint8_t {
 
 constexpr uint8_t kRsaEncryption[] = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01};
 
-// Length octets in their shortest form, of up to three bytes: a message is not longer.
-bool read_length(ByteReader& r, size_t& len) {
-  constexpr uint8_t kLongForm = 0x80;
-  constexpr size_t kMaxWidth = 3;
-  uint8_t first = 0;
-  if (!r.u8(first)) return false;
-  if (first < kLongForm) {
-    len = first;
-    return true;
-  }
-  const size_t width = first & 0x7Fu;
-  uint32_t value = 0;
-  if (width == 0 || width > kMaxWidth || !r.number(width, value)) return false;
-  if (value < kLongForm || value >> (8 * (width - 1)) == 0) return false;
-  len = value;
-  return true;
-}
-
 bool read_any(ByteReader& r, uint8_t& tag, Bytes& value) {
   constexpr uint8_t kTagGoesOn = 0x1F;
-  size_t len = 0;
-  return r.u8(tag) && (tag & kTagGoesOn) != kTagGoesOn && read_length(r, len) && r.take(len, value);
+  uint32_t len = 0;
+  return r.u8(tag) && (tag & kTagGoesOn) != kTagGoesOn &&
+         read_length(r, kCertificateLengths, len) == LengthField::kRead && r.take(len, value);
 }
 
 bool read(ByteReader& r, Tag expected, Bytes& value) {

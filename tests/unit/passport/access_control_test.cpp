@@ -35,36 +35,40 @@ TEST(AccessControl, WorkedExample) {
   EXPECT_EQ(hex(keys.enc), "ab94fdecf2674fdfb9b391f85d7f76f2");
   EXPECT_EQ(hex(keys.mac), "7962d9ece03d1acd4c76089dce131543");
 
-  PassportSession session{};
-  const auto set = [](auto& field, const char* value) {
+  tq::BasicAccess access;
+  const auto set = [](auto& secret, const char* value) {
     const Bytes bytes = from_hex(value);
-    ASSERT_EQ(bytes.size(), sizeof field);
-    std::copy(bytes.begin(), bytes.end(), field);
+    ASSERT_EQ(bytes.size(), secret.size());
+    std::copy(bytes.begin(), bytes.end(), secret.data());
   };
-  ASSERT_TRUE(tq::derive_document_keys({"L898902C<", "690806", "940623"}, session));
-  EXPECT_EQ(hex(session.kenc, 16) + hex(session.kmac, 16), hex(keys.enc + keys.mac));
-  set(session.rndIFD, "781723860c06c226");
-  set(session.rndIC, "4608f91988702212");
-  set(session.kIFD, "0b795240cb7049b01c19b33e32804f0b");
+  ASSERT_TRUE(tq::derive_document_keys({"L898902C<", "690806", "940623"}, access));
+  EXPECT_EQ(hex(access.enc) + hex(access.mac), hex(keys.enc + keys.mac));
+  set(access.rnd_ifd, "781723860c06c226");
+  set(access.rnd_ic, "4608f91988702212");
+  set(access.k_ifd, "0b795240cb7049b01c19b33e32804f0b");
   tq::Cryptogram cryptogram{};
-  ASSERT_TRUE(tq::make_cryptogram(session, cryptogram));
+  ASSERT_TRUE(tq::make_cryptogram(access, cryptogram));
   EXPECT_EQ(hex(cryptogram.e_ifd), "72c29c2371cc9bdb65b779b8e8d37b29ecc154aa56a8799fae2f498f76ed92f2");
   EXPECT_EQ(hex(cryptogram.m_ifd), "5f1448eea8ad90a7");
 
+  tq::SecureChannel channel;
   const Bytes answer =
       from_hex("46b9342a41396cd7386bf5803104d7cedc122b9132139baf2eedc94ee178534f 2f2d235d074d7449");
-  for (const size_t n : {0, 31}) EXPECT_FALSE(tq::derive_session_keys(slice(answer, 0, n), session)) << n;
+  for (const size_t n : {0, 31}) EXPECT_FALSE(tq::open_channel(slice(answer, 0, n), access, channel)) << n;
   for (const size_t block : {0, 1}) {  // of the chip's nonce, of ours
     Bytes wrong = answer;
     wrong[8 * block] ^= 1;
-    EXPECT_FALSE(tq::derive_session_keys(wrong, session)) << block;
+    EXPECT_FALSE(tq::open_channel(wrong, access, channel)) << block;
   }
   const Bytes wrong_mac = slice(answer, 0, 39) + Bytes(1);
   for (const Bytes& good : {answer, wrong_mac}) {  // the nonces decide
-    ASSERT_TRUE(tq::derive_session_keys(good, session));
-    EXPECT_EQ(hex(session.ksenc, 16), "979ec13b1cbfe9dcd01ab0fed307eae5");
-    EXPECT_EQ(hex(session.ksmac, 16), "f1cb1f1fb5adf208806b89dc579dc1f8");
-    EXPECT_EQ(hex(session.ssc, 8), "887022120c06c226");
+    ASSERT_TRUE(tq::open_channel(good, access, channel));
+    EXPECT_EQ(hex(channel.counter()), "887022120c06c226");
+    Bytes sent(64);
+    size_t length = 0;
+    const Bytes com = {0x01, 0x1E};
+    ASSERT_TRUE(channel.protect({{0x00, 0xA4, 0x02, 0x0C}, com}, sent, length));
+    EXPECT_EQ(hex(slice(sent, 0, length)), "0ca4020c158709016375432908c044f68e08bf8b92d635ff24f800");
   }
 }
 
