@@ -2,14 +2,14 @@
 // Two whole reads, told as they happen: the library against a simulated identity card, a simulated passport and a
 // simulated decode server; then a question to each of the two small services.
 
-import { closeSync, existsSync, mkdtempSync, openSync, readFileSync } from 'node:fs';
+import { closeSync, mkdirSync, mkdtempSync, openSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
 import { tmpdir } from 'node:os';
-import { join, relative } from 'node:path';
+import { dirname, join, relative } from 'node:path';
 import { fileURLToPath } from 'node:url';
-import { fail, parseOptions } from '../lib/command-line.mjs';
+import { expectBuilt, fail, parseOptions } from '../lib/command-line.mjs';
 import { DemoAccount } from '../lib/demo-account.mjs';
-import { checkCard, checkPassport, perform } from '../lib/demo-read.mjs';
-import { askServices } from '../lib/demo-services.mjs';
+import { checkCard, checkPassport, perform, portraitIn } from '../lib/demo-read.mjs';
+import { askServices, checkServices } from '../lib/demo-services.mjs';
 import { IdentityCard } from '../lib/identity-card.mjs';
 import { loadKeys } from '../lib/keys.mjs';
 import { PASSPORT_PACE } from '../lib/passport/chip.mjs';
@@ -20,6 +20,8 @@ import { DEFAULT_LIBRARY } from '../lib/reader.mjs';
 
 const kCardSteps = 26; // of a good read: 19 card commands, and 6 or 7 server exchanges
 const kQuestions = 2; // one for each service
+const kRounds = 3;
+const kPhone = { manufacturer: 'SPECIMEN', marketName: 'Specimen Phone 1' };
 const kPassportSteps = 117; // 113 commands for the chip and 4 server exchanges
 
 const options = parseOptions(`Usage: demo.mjs [options]
@@ -37,15 +39,22 @@ location server, and tells what happens.`, {
     value: 'N', default: '2', number: true,
     text: '1: two files of the card when they suffice, no portrait; 2: always all',
   },
-  output: { value: 'FILE', text: 'where the library\'s own output goes (default: a new temporary file)' },
+  portrait: {
+    value: 'FILE', default: fileURLToPath(new URL('../../build/portrait.jpg', import.meta.url)),
+    text: 'where the passport\'s portrait goes',
+  },
+  keep: { text: 'keep what the library itself writes (log lines and hex dumps)' },
 });
 const { library } = options;
-if (!existsSync(library)) {
-  fail(`There is no library at ${library}. Build it first, or name it with --library.`);
-}
+expectBuilt(library);
 
 const account = new DemoAccount();
-const output = options.output ?? join(mkdtempSync(join(tmpdir(), 'tqreader-demo-')), 'library.log');
+const folder = mkdtempSync(join(tmpdir(), 'tqreader-demo-'));
+process.on('exit', () => {
+  if (!options.keep) rmSync(folder, { recursive: true, force: true });
+});
+for (const signal of ['SIGINT', 'SIGTERM']) process.once(signal, () => process.exit(1));
+const output = join(folder, 'library.log');
 const file = openSync(output, 'w');
 const identity = { ...DEFAULT_IDENTITY, readMode: options.readMode };
 const common = { identity, output: file };
@@ -79,15 +88,26 @@ async function readPassport() {
     server: { ...server, document: 'passport', passport: expectedPassport(passport) },
     reader: { ...reader, passport: packPassport(passport), cardDelay: options.cardDelay, perByte },
   });
+  const portrait = portraitIn(seen);
+  if (portrait) {
+    mkdirSync(dirname(options.portrait), { recursive: true });
+    writeFileSync(options.portrait, portrait);
+    account.say(`\n  The portrait (${portrait.length} bytes) is in ${relative(process.cwd(), options.portrait)}`);
+  }
   return conclude(seen, checkPassport(seen, passport, options.readMode), 'The holder of the passport (specimen data)');
 }
 
 async function askBoth() {
   account.begin(Date.now(), 'The two services', kQuestions);
-  const { serverDelay } = options;
-  const rows = await askServices(account, {
-    library, identity, serverDelay, keys: loadKeys(options.keys).location, output: file,
+  const { appid } = identity;
+  const asked = await askServices({
+    library, delay: options.serverDelay, keys: loadKeys(options.keys).location, output: file, latency: { rounds: kRounds },
+    location: { ...kPhone, appid, environment: 268 },
   });
+  const { delay, location } = asked.answers;
+  account.service('getTimeDelay', delay, `${kRounds} rounds: ${delay.result} ms on average`);
+  account.service('getDeviceNFCLocation', location, `${kPhone.marketName}: antenna at place ${location.result}`);
+  const rows = checkServices(asked, kRounds, options.serverDelay);
   account.checks(rows);
   return rows.every(([, good]) => good);
 }
@@ -99,5 +119,12 @@ const good = goodParts.every(Boolean);
 account.conclusion(good, good ? 'All is well.' : 'Something is wrong; see the checks above.');
 closeSync(file);
 const lines = readFileSync(output, 'utf8').split('\n').length - 1;
-account.say(`  What the library itself wrote (log lines and hex dumps, ${lines} lines): ${output}`);
+account.say(options.keep ? `  What the library itself wrote (${lines} lines of log and hex dumps) is in ${output}`
+  : `  The library itself wrote ${lines} lines of log and hex dumps; with --keep they can be read afterwards.`);
+account.say(`
+  What else there is, each with --help:
+     simulator/bin/read-card.mjs, read-passport.mjs   one read, with other documents, servers and misbehaviour
+     simulator/bin/decode-server.mjs                  a decode server for an application of yours
+     simulator/bin/ask-services.mjs                   the two small services
+     ./run test, ./run check, ./run ohos              the tests; what is slower; the library for the phone`);
 process.exitCode = good ? 0 : 1;

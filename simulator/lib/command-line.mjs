@@ -1,5 +1,7 @@
 // Command-line options of the programs in bin/, as tables that also make the help text.
 
+import { existsSync } from 'node:fs';
+import { fileURLToPath } from 'node:url';
 import { parseArgs } from 'node:util';
 
 // Whoever reads the output may have had enough of it, as `head` does.
@@ -14,6 +16,14 @@ for (const stream of [process.stdout, process.stderr]) {
 export function fail(message) {
   process.stderr.write(`${message}\n`);
   process.exit(2);
+}
+
+const kPackage = fileURLToPath(new URL('../../build/package/TqReader.js', import.meta.url));
+
+/** Ends with a sentence unless there is what the reading programs need. */
+export function expectBuilt(library) {
+  if (!existsSync(library)) fail(`There is no library at ${library}. ./run demo builds it; --library names another.`);
+  if (!existsSync(kPackage)) fail('The package is not built for Node.js yet. ./run demo builds it.');
 }
 
 /**

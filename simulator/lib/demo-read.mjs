@@ -114,3 +114,12 @@ export function checkPassport(seen, passport, readMode) {
     row('status text tells of every file', good === wanted.length, `${good} times 9000`, statuses || 'empty'),
   ]);
 }
+
+const kImage = /FFD8FF|0000000C6A502020/; // a JPEG or a JPEG 2000 begins
+
+/** The image in the DG2 that reached the server; undefined without one. */
+export function portraitIn({ exchanges }) {
+  const dg2 = exchanges.find(({ command }) => command === '0x7202')?.fields?.files?.DG2 ?? '';
+  const at = dg2.search(kImage);
+  return at < 0 ? undefined : Buffer.from(dg2.slice(at), 'hex');
+}

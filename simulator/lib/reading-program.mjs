@@ -1,12 +1,12 @@
 // What the programs that read one document have in common: their options, and one read with reader and decode server in
 // processes of their own.
 
-import { existsSync, openSync } from 'node:fs';
+import { openSync } from 'node:fs';
 import { fileURLToPath } from 'node:url';
 import { coloursFor, dotted, recordTexts } from './account.mjs';
 import { CardLink } from './card-link.mjs';
 import { codeInWords } from './codes.mjs';
-import { fail } from './command-line.mjs';
+import { expectBuilt, fail } from './command-line.mjs';
 import { IdentityCard } from './identity-card.mjs';
 import { loadKeys } from './keys.mjs';
 import { DEFAULT_IDENTITY } from './persona.mjs';
@@ -135,10 +135,7 @@ export async function runReadingProgram(options, prepare) {
     say(`persona written to ${options.savePersona}`);
     return;
   }
-  const { library } = options;
-  if (!existsSync(library)) {
-    fail(`there is no library at ${library}; build it first or name it with --library`);
-  }
+  expectBuilt(options.library);
   if (options.host !== undefined && options.port === undefined) fail('--host needs --port');
   try {
     const { result, differences } = await readOnce(options, persona, rest);

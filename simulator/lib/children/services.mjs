@@ -23,7 +23,7 @@ function withTimes(module, times) {
 async function timed(call) {
   const at = now();
   const result = await call().catch((error) => { // an answer, too: the code of a failure
-    if (!(error instanceof TqError)) throw error;
+    if (!(error instanceof TqError) || error.code > 0) throw error;
     return error.code;
   });
   return { at, result, ms: Math.round(now() - at) };
