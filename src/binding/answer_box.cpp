@@ -13,13 +13,14 @@ namespace {
 
 struct Box {
   std::mutex mutex;
-  std::condition_variable answered;
-  Question current = 0;
+  std::condition_variable changed;
+  QuestionNumber current = 0;
+  bool open = false;
+  bool settled = false;  // answered well, or given up
   const SessionConfig* asked_by = nullptr;
   int64_t time = 0;
   std::array<char, kBridgeText> text{};
   size_t text_len = 0;  // as the application gave it, longer than `text` when it did not fit
-  bool complete = false;
 };
 
 Box& box() {
@@ -27,91 +28,90 @@ Box& box() {
   return the_box.get();
 }
 
-Question ask() {
-  Box& b = box();
-  const std::lock_guard lock(b.mutex);
-  b.asked_by = current_read_owner();
-  b.time = 0;
-  b.text_len = 0;
-  b.complete = false;
-  return ++b.current;
-}
-
-void await(Box& b, std::unique_lock<std::mutex>& lock, Question question) {
-  b.answered.wait_for(lock, std::chrono::milliseconds(kAnswerLimitMs),
-                      [&] { return b.complete || b.current != question; });
-}
-
 bool is_object_text(std::string_view text) {
   return !text.empty() && text.front() == '{' && text.back() == '}';
 }
 
+void settle(Box& b) {
+  b.settled = true;
+  b.changed.notify_all();
+}
+
+void await(Box& b, std::unique_lock<std::mutex>& lock) {
+  b.changed.wait_for(lock, std::chrono::milliseconds(kAnswerLimitMs), [&] { return b.settled; });
+}
+
 }  // namespace
 
-Question ask_for_time() {
-  return ask();
+Question::Question() {
+  Box& b = box();
+  std::unique_lock lock(b.mutex);
+  b.changed.wait(lock, [&] { return !b.open; });
+  b.open = true;
+  b.settled = false;
+  b.asked_by = current_read_owner();
+  b.time = 0;
+  b.text_len = 0;
+  number_ = ++b.current;
 }
 
-void answer_time(Question question, int64_t value) {
+Question::~Question() {
   Box& b = box();
   const std::lock_guard lock(b.mutex);
-  if (b.current != question) return;
-  b.time = value;
-  b.complete = value != 0;
-  b.answered.notify_all();
+  ++b.current;
+  b.open = false;
+  b.changed.notify_all();
 }
 
-int64_t time_so_far() {
+int64_t Question::time_so_far() const {
   Box& b = box();
   const std::lock_guard lock(b.mutex);
   return b.time;
 }
 
-int64_t await_time(Question question) {
+int64_t Question::await_time() const {
   Box& b = box();
   std::unique_lock lock(b.mutex);
-  await(b, lock, question);
-  return b.current == question ? b.time : 0;
+  await(b, lock);
+  return b.time;
 }
 
-Question ask_for_text() {
-  return ask();
-}
-
-void answer_text(Question question, std::string_view text) {
-  Box& b = box();
-  const std::lock_guard lock(b.mutex);
-  if (b.current != question) return;
-  b.text_len = text.size();
-  std::copy_n(text.begin(), std::min(text.size(), b.text.size()), b.text.begin());
-  b.complete = is_object_text(text);
-  b.answered.notify_all();
-}
-
-int32_t await_text(Question question, std::span<char> out) {
+int32_t Question::await_text(std::span<char> out) const {
   Box& b = box();
   std::unique_lock lock(b.mutex);
-  await(b, lock, question);
-  if (b.current != question) return 0;
+  await(b, lock);
   if (b.text_len > out.size() || b.text_len >= b.text.size()) return -1;
   std::copy_n(b.text.begin(), b.text_len, out.begin());
   return static_cast<int32_t>(b.text_len);
 }
 
-void drop_question(Question question) {
+void answer_time(QuestionNumber question, int64_t value) {
   Box& b = box();
   const std::lock_guard lock(b.mutex);
   if (b.current != question) return;
-  ++b.current;
-  b.answered.notify_all();
+  b.time = value;
+  if (value != 0) settle(b);
+}
+
+void answer_text(QuestionNumber question, std::string_view text) {
+  Box& b = box();
+  const std::lock_guard lock(b.mutex);
+  if (b.current != question) return;
+  b.text_len = text.size();
+  std::copy_n(text.begin(), std::min(text.size(), b.text.size()), b.text.begin());
+  if (is_object_text(text)) settle(b);
+}
+
+void drop_question(QuestionNumber question) {
+  Box& b = box();
+  const std::lock_guard lock(b.mutex);
+  if (b.current == question) settle(b);
 }
 
 void abandon_answers(const SessionConfig* owner) {
   Box& b = box();
   const std::lock_guard lock(b.mutex);
-  if (b.asked_by != owner) return;
-  ++b.current;
-  b.answered.notify_all();
+  if (b.open && b.asked_by == owner) settle(b);
 }
 
 }  // namespace tq

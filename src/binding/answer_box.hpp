@@ -1,5 +1,5 @@
-// Where a worker waits for the application's answer to one question. A late answer to an earlier question is
-// dropped.
+// Where a thread waits for the application's answer to its question. One question is open at a time; a late
+// answer to an earlier one is dropped.
 #pragma once
 
 #include <array>
@@ -11,32 +11,44 @@
 
 namespace tq {
 
-// How long a worker waits for an answer.
+// How long an answer is waited for.
 constexpr int64_t kAnswerLimitMs = 500;
 
 // The room for texts that cross the bridge, with their NUL.
 constexpr size_t kBridgeText = 2048;
 
-// The number of a question, which its answer has to name.
-using Question = uint64_t;
+// The number of a question, which its answer has to name. 0 is none.
+using QuestionNumber = uint64_t;
 
-// The time: any value but 0 is an answer.
-Question ask_for_time();
-void answer_time(Question question, int64_t value);
-// The answer so far, 0 when there is none.
-int64_t time_so_far();
-// Waits for the answer, for at most 500 ms; 0 without one.
-int64_t await_time(Question question);
+// An open question. A second thread's question waits until the first is closed.
+class Question {
+ public:
+  Question();
+  ~Question();
+  Question(const Question&) = delete;
+  Question& operator=(const Question&) = delete;
 
-// The monitor text: an answer starts with "{" and ends with "}".
-Question ask_for_text();
-void answer_text(Question question, std::string_view text);
-// Waits for the answer, for at most 500 ms, and copies it, or what came instead, to `out`. Returns its
-// length, or -1 when it does not fit `out` or the room of the bridge.
-int32_t await_text(Question question, std::span<char> out);
+  QuestionNumber number() const { return number_; }
+
+  // The time: any value but 0 is an answer. So far, and after waiting for at most 500 ms; 0 without one.
+  int64_t time_so_far() const;
+  int64_t await_time() const;
+
+  // The monitor text: an answer starts with "{" and ends with "}". Waits for at most 500 ms and copies it, or
+  // what came instead, to `out`. Returns its length, or -1 when it does not fit `out` or the room of the
+  // bridge.
+  int32_t await_text(std::span<char> out) const;
+
+ private:
+  QuestionNumber number_;
+};
+
+// From the JavaScript thread.
+void answer_time(QuestionNumber question, int64_t value);
+void answer_text(QuestionNumber question, std::string_view text);
 
 // Ends the waiting for the answer to this question.
-void drop_question(Question question);
+void drop_question(QuestionNumber question);
 
 // Ends the waiting of the read that was started with `owner`.
 void abandon_answers(const SessionConfig* owner);

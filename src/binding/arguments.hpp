@@ -20,7 +20,7 @@ class Arguments {
     size_t count = N;
     void* data = nullptr;
     napi_get_cb_info(env, info, &count, values_.data(), nullptr, &data);
-    host_ = static_cast<HostEnvironment*>(data);
+    host_ = HostEnvironment::of(data);
   }
 
   // The state of the environment that the function was exported to.

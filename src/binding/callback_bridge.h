@@ -1,6 +1,7 @@
 /* The functions that lead from the core into the application's JavaScript functions. The first four do so
-   from a worker thread. Everything crosses as text. They serve the read that the calling worker runs; on any
-   other thread they do nothing. */
+   from any thread but JavaScript's. Everything crosses as text. On a worker they serve the environment whose
+   read it runs; elsewhere the newest living one that has registered the function. On JavaScript's own thread
+   the questions (monitor, time) stay unanswered. */
 #ifndef TQREADER_BINDING_CALLBACK_BRIDGE_H
 #define TQREADER_BINDING_CALLBACK_BRIDGE_H
 
@@ -10,7 +11,8 @@
 TQ_BEGIN_C
 
 /* Hands one card command (up to 511 bytes) to the application as JSON and returns at once. Returns the
-   Node-API status of the hand-over, 0 when it was accepted. `userData` is not used. */
+   Node-API status of the hand-over, 0 when it was accepted; a worker's read ends when it was not (-93001).
+   `userData` is not used. */
 TQ_API int32_t cardCallback(const uint8_t* apdu, uint32_t length, uint8_t serial, void* userData);
 
 /* Shows the monitor record to the application as JSON (shorter than 2048 bytes) and waits up to 500 ms for

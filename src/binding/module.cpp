@@ -52,7 +52,7 @@ napi_value init_sdk(napi_env env, napi_callback_info info) {
   TQ_LOG("packageName: %{public}s", package_name.c_str());
   TQ_LOG("appid: %{public}s", appid.c_str());
   TQ_LOG("reqidType: %{public}d", reqid_type);
-  TQ_LOG("sn: %{public}s", sn.c_str());
+  TQ_LOG("sn: " TQ_PERSONAL("s"), sn.c_str());
 
   SessionConfig& cfg = args.host().config();
   int32_t rc = share_init(&cfg, appid.c_str(), kReadChunkSize, decode_mode, read_mode, kFrameFlag, kLogLevel,
@@ -82,13 +82,13 @@ napi_value get_passport_info(napi_env env, napi_callback_info info) {
   const Arguments<3> args(env, info);
   const TextArgument<30> number(args, 0);
   if (!number.given()) return args.result(TQ_BAD_ARGUMENTS);
-  TQ_LOG("idNumber: %{public}s", number.c_str());
+  TQ_LOG("idNumber: " TQ_PERSONAL("s"), number.c_str());
   const TextArgument<20> birth(args, 1);
   if (!birth.given()) return args.result(TQ_BAD_ARGUMENTS);
-  TQ_LOG("birthday: %{public}s", birth.c_str());
+  TQ_LOG("birthday: " TQ_PERSONAL("s"), birth.c_str());
   const TextArgument<20> expiry(args, 2);
   if (!expiry.given()) return args.result(TQ_BAD_ARGUMENTS);
-  TQ_LOG("expiryDate: %{public}s", expiry.c_str());
+  TQ_LOG("expiryDate: " TQ_PERSONAL("s"), expiry.c_str());
   const int32_t rc = args.host().start_passport_read(number.c_str(), birth.c_str(), expiry.c_str());
   TQ_LOG("调用护照解码主函数: %{public}d", rc);
   return args.result(rc);
@@ -147,8 +147,8 @@ void hand_over_answer(const Arguments<3>& args, AnswerHandler handler) {
   auto* hex = reinterpret_cast<char*>(text.data());
   args.text(0, hex, text.size());
   const uint32_t length = hex[0] == '\0' ? 0 : hexStringToBytes(hex, bytes.data());
-  TQ_LOG("nfc读卡返回数据结果: status:%{public}d, serial_num:%{public}d, data:%{public}s", status, serial,
-         hex);
+  TQ_LOG("nfc读卡返回数据结果: status:%{public}d, serial_num:%{public}d, data:" TQ_PERSONAL("s"), status,
+         serial, hex);
   handler(cfg, bytes.data(), length, serial_byte, status);
 }
 
@@ -233,36 +233,47 @@ napi_value get_device_nfc_location(napi_env env, napi_callback_info info) {
   return args.result(static_cast<int32_t>(location));
 }
 
-constexpr napi_property_descriptor exported(const char* name, napi_callback function) {
-  return {name, nullptr, function, nullptr, nullptr, nullptr, napi_default, nullptr};
+// While an environment ends the engine may still run script, after the cleanup hook.
+template <napi_callback function>
+napi_value unless_gone(napi_env env, napi_callback_info info) {
+  void* id = nullptr;
+  napi_value code = nullptr;
+  napi_get_cb_info(env, info, nullptr, nullptr, nullptr, &id);
+  if (HostEnvironment::of(id) != nullptr) return function(env, info);
+  return napi_create_int32(env, TQ_MISSING_CALL, &code) == napi_ok ? code : nullptr;
+}
+
+template <napi_callback function>
+constexpr napi_property_descriptor exported(const char* name) {
+  return {name, nullptr, unless_gone<function>, nullptr, nullptr, nullptr, napi_default, nullptr};
 }
 
 // The exported functions in their documented order.
 constexpr napi_property_descriptor kExports[] = {
-    exported("initSdk", init_sdk),
-    exported("getBillingModel", get_billing_model),
-    exported("getIdInfo", get_id_info),
-    exported("getPassportInfo", get_passport_info),
-    exported("registerTimestampCallback", register_timestamp_callback),
-    exported("idCardHandler", take_id_card_answer),
-    exported("passportHandler", take_passport_answer),
-    exported("registerResultCallback", register_result_callback),
-    exported("registerMonitorCallback", register_monitor_callback),
-    exported("registerCardCallback", register_card_callback),
-    exported("cancelCard", cancel_card),
-    exported("getTimeDelay", get_time_delay),
-    exported("getDeviceNFCLocation", get_device_nfc_location),
+    exported<init_sdk>("initSdk"),
+    exported<get_billing_model>("getBillingModel"),
+    exported<get_id_info>("getIdInfo"),
+    exported<get_passport_info>("getPassportInfo"),
+    exported<register_timestamp_callback>("registerTimestampCallback"),
+    exported<take_id_card_answer>("idCardHandler"),
+    exported<take_passport_answer>("passportHandler"),
+    exported<register_result_callback>("registerResultCallback"),
+    exported<register_monitor_callback>("registerMonitorCallback"),
+    exported<register_card_callback>("registerCardCallback"),
+    exported<cancel_card>("cancelCard"),
+    exported<get_time_delay>("getTimeDelay"),
+    exported<get_device_nfc_location>("getDeviceNFCLocation"),
 };
 
 }  // namespace
 
 napi_value init_module(napi_env env, napi_value exports) {
-  HostEnvironment* host = HostEnvironment::create(env);
-  if (host == nullptr) return exports;
+  void* id = HostEnvironment::create(env);
+  if (id == nullptr) return exports;
   napi_property_descriptor properties[std::size(kExports)];
   for (size_t i = 0; i < std::size(kExports); ++i) {
     properties[i] = kExports[i];
-    properties[i].data = host;
+    properties[i].data = id;
   }
   napi_define_properties(env, exports, std::size(properties), properties);
   return exports;

@@ -16,7 +16,7 @@
 #include "tls/ssl.h"
 #include "util/base64.h"
 #include "util/byte_cursor.hpp"
-#include "util/diagnostics.h"
+#include "util/diagnostics.hpp"
 #include "util/secret.hpp"
 
 namespace tq {
@@ -200,9 +200,9 @@ int32_t exchange_by_https(const ScpContext& context, std::span<const uint8_t> re
                           std::span<uint8_t> answer) {
   if (request.size() > kLongestRequest) return TQ_FAILED;
   const bool dumps = context.logLevel == kLogHex;
-  if (dumps) scp_print_hex("Send SR: ", request.data(), static_cast<uint32_t>(request.size()));
+  if (dumps) dump(Dump::kRequest, request);
   const int32_t len = exchange(context, request, answer);
-  if (dumps && len >= 0) scp_print_hex("Recv SR: ", answer.data(), static_cast<uint32_t>(len));
+  if (dumps && len >= 0) dump(Dump::kResponse, answer.first(static_cast<size_t>(len)));
   return len;
 }
 

@@ -16,7 +16,7 @@
 #include "net/ipv4.hpp"
 #include "net/wait.hpp"
 #include "util/byte_cursor.hpp"
-#include "util/diagnostics.h"
+#include "util/diagnostics.hpp"
 #include "util/no_destroy.hpp"
 
 namespace {
@@ -244,14 +244,14 @@ void tq_socket_close(void) {
 int32_t tcp_send_and_recv(const SessionConfig* cfg, const uint8_t* request, uint32_t requestLength,
                           uint8_t* response, uint32_t capacity, int32_t longForm) {
   if (cfg == nullptr || request == nullptr || response == nullptr) return TQ_EXCHANGE_FAILED;
-  if (dumps_frames(*cfg)) print_hex("Send SR: ", request, requestLength);
+  if (dumps_frames(*cfg)) tq::dump(tq::Dump::kRequest, {request, requestLength});
   const ConnectionUse use(ConnectionUse::For::kExchange);
   if (!use.entered()) return TQ_EXCHANGE_FAILED;
   if (send_all(use, {request, requestLength}) < 0 || use.aborted()) return TQ_EXCHANGE_FAILED;
   std::fill_n(response, capacity, uint8_t{0});
   const int32_t num_received = receive_frame(use, {response, capacity}, longForm != TQ_SHORT_FRAME);
   if (num_received < 1) return TQ_EXCHANGE_FAILED;
-  if (dumps_frames(*cfg)) print_hex("Recv SR: ", response, static_cast<uint32_t>(num_received));
+  if (dumps_frames(*cfg)) tq::dump(tq::Dump::kResponse, {response, static_cast<size_t>(num_received)});
   return num_received;
 }
 

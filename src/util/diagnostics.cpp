@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <span>
 
+#include "util/diagnostics.hpp"
 #include "util/hex.h"
 
 namespace {
@@ -27,6 +28,20 @@ std::span<const uint8_t> span_of(const uint8_t* bytes, uint32_t n) {
 }
 
 }  // namespace
+
+namespace tq {
+
+void dump(Dump what, std::span<const uint8_t> bytes) {
+#if defined(TQREADER_LOG_FULL)
+  constexpr const char* kLabels[] = {"---cmd: ", "---recv: ", "Send SR: ", "Recv SR: "};
+  print_hex(kLabels[static_cast<size_t>(what)], bytes.data(), static_cast<uint32_t>(bytes.size()));
+#else
+  static_cast<void>(what);
+  static_cast<void>(bytes);
+#endif
+}
+
+}  // namespace tq
 
 extern "C" {
 

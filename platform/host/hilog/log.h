@@ -9,9 +9,10 @@ extern "C" {
 typedef enum { LOG_APP = 0 } LogType;
 typedef enum { LOG_DEBUG = 3, LOG_INFO = 4, LOG_WARN = 5, LOG_ERROR = 6, LOG_FATAL = 7 } LogLevel;
 
-/* Formats `fmt` (printf conversions with an optional "{public}" or "{private}" mark behind the percent sign;
-   the marks are dropped; at most 511 bytes) and hands the line to the sink. Returns the number of bytes of
-   the line, or -1. */
+/* Formats `fmt` and hands the line to the sink. Conversions are printf's of integers, texts and pointers with
+   an optional "{public}" or "{private}" mark behind the percent sign; what is private becomes "<private>", as
+   in the phone's release images. Returns the number of bytes of the line; -1, and no line, without a tag or
+   for another conversion. */
 int OH_LOG_Print(LogType type, LogLevel level, unsigned int domain, const char* tag, const char* fmt, ...);
 
 /* Receives each finished line, without a line feed. Called on the thread that logs. */

@@ -4,7 +4,7 @@
 #include <iterator>
 
 #include "core/config/business_id.hpp"
-#include "util/diagnostics.h"
+#include "util/diagnostics.hpp"
 #include "util/secret.hpp"
 
 namespace tq {
@@ -33,7 +33,7 @@ Outcome CardRead::relay_answers() {
 }
 
 void CardRead::log_answer() const {
-  if (cfg_.logLevel == 2) print_hex("---recv: ", answer_.data.data(), answer_.length);
+  if (cfg_.logLevel == 2) dump(Dump::kAnswer, answer_.bytes());
 }
 
 void CardRead::deliver_result(int32_t code) {

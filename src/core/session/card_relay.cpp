@@ -6,7 +6,7 @@
 #include <span>
 
 #include "util/byte_cursor.hpp"
-#include "util/diagnostics.h"
+#include "util/diagnostics.hpp"
 
 namespace {
 
@@ -69,7 +69,7 @@ extern "C" {
 int32_t tq_read_card_send(SessionConfig* cfg, const uint8_t* command, uint32_t length, uint8_t serial) {
   if (cfg == nullptr || command == nullptr) return TQ_OK;
   cfg->lastStatusWord = 0;
-  if (cfg->logLevel == 2) print_hex("---cmd: ", command, length);
+  if (cfg->logLevel == 2) tq::dump(tq::Dump::kCommand, {command, length});
   cfg->lastCommandLength = static_cast<uint8_t>(std::min<uint32_t>(length, TQ_LAST_COMMAND_MAX));
   std::copy_n(command, cfg->lastCommandLength, cfg->lastCommand);
   if (cfg->cardCallback != nullptr) cfg->cardCallback(command, length, serial, cfg->cardCallbackData);
