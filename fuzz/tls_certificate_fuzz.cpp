@@ -57,7 +57,8 @@ size_t num_bits(View number) {
 
 bool usable(View n, View e) {
   if (n.empty() || e.empty() || n[0] == 0 || e[0] == 0) return false;
-  if (n.back() % 2 == 0 || e.back() % 2 == 0 || num_bits(n) < 1024 || num_bits(n) > 8192 || num_bits(e) < 2)
+  if (n.back() % 2 == 0 || e.back() % 2 == 0 || num_bits(n) < 1024 || num_bits(n) > 8192 || num_bits(e) < 2 ||
+      num_bits(e) > 64)
     return false;
   return num_bits(e) < num_bits(n) ||
          (num_bits(e) == num_bits(n) && std::memcmp(e.data(), n.data(), n.size()) < 0);

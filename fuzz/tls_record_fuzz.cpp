@@ -53,6 +53,7 @@ Reading read_plainly(View in, bool version_fixed) {
     if (in.size() < 5 + len) return reading;
     const View content = in.subspan(5, len);
     in = in.subspan(5 + len);
+    if (len == 0 && type == 23) return ended(Alert::kUnexpectedMessage);
     if (len == 0 && type != 22) return ended(Alert::kDecodeError);
     if (len == 0 && ++empty > 32) return ended(Alert::kUnexpectedMessage);
     if (len == 0) continue;

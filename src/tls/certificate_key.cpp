@@ -20,6 +20,9 @@ enum Tag : uint8_t {
   kVersion = 0xA0,  // [0] EXPLICIT
 };
 
+// Exponents in use have 2 to 32 bits. One as long as the modulus would keep the caller busy for a second.
+constexpr size_t kMaxExponentLen = 8;
+
 constexpr uint8_t kRsaEncryption[] = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01};
 
 bool read_any(ByteReader& r, uint8_t& tag, Bytes& value) {
@@ -119,7 +122,7 @@ KeyResult read_certificate_key(Bytes certificate, RsaPublicKey& key) {
   if (!read_positive(numbers, found.modulus) || !read_positive(numbers, found.exponent) || !numbers.done()) {
     return KeyResult::kMalformed;
   }
-  if (!rsa_key_usable(found)) return KeyResult::kUnsupported;
+  if (found.exponent.size() > kMaxExponentLen || !rsa_key_usable(found)) return KeyResult::kUnsupported;
   key = found;
   return KeyResult::kFound;
 }

@@ -12,7 +12,7 @@ namespace tq::tls {
 enum class KeyResult : uint8_t {
   kFound,
   kMalformed,    // not the DER of a certificate
-  kUnsupported,  // a certificate, but not with an RSA key of 1024 to 8192 bits that can be used
+  kUnsupported,  // a certificate, but not with a usable RSA key of 1024 to 8192 bits, exponent up to 64
 };
 
 // Walks to the key; nothing else in the certificate is judged. `key` borrows from `certificate`.

@@ -41,6 +41,7 @@ bool Client::connect() {
     return records_.fail_silently();  // also when the server has ended it with close_notify
   }
   state_ = State::kConnected;
+  records_.take_application_data();
   return true;
 }
 

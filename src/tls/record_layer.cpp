@@ -17,11 +17,6 @@ bool is_known(uint8_t type) {
          type <= static_cast<uint8_t>(ContentType::kApplicationData);
 }
 
-// Application data only when it is protected, even if there is none.
-bool may_be_empty(ContentType type, bool is_protected) {
-  return type == ContentType::kHandshake || (type == ContentType::kApplicationData && is_protected);
-}
-
 }  // namespace
 
 RecordLayer::~RecordLayer() {
@@ -79,7 +74,9 @@ bool RecordLayer::read_record() {
   if (!reading_.open(type_, fragment, content)) return fail(Alert::kBadRecordMac);
   if (content.size() > kMaxPlainLen) return fail(Alert::kRecordOverflow);
   if (content.empty()) {
-    if (!may_be_empty(type_, reading_.started())) return fail(Alert::kDecodeError);
+    if (type_ == ContentType::kApplicationData && !takes_data_) return fail(Alert::kUnexpectedMessage);
+    if (type_ != ContentType::kApplicationData && type_ != ContentType::kHandshake)
+      return fail(Alert::kDecodeError);
     return ++num_empty_ <= kMaxEmptyRecords || fail(Alert::kUnexpectedMessage);
   }
   if (type_ != ContentType::kAlert) num_empty_ = num_warnings_ = 0;

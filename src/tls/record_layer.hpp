@@ -45,6 +45,8 @@ class RecordLayer {
 
   // Until the version has been agreed upon, the record header of the peer may name any version 3.x.
   void fix_version() { version_fixed_ = true; }
+  // Until then not even an empty record of application data is passed over.
+  void take_application_data() { takes_data_ = true; }
   RecordProtection& reading() { return reading_; }
   RecordProtection& writing() { return writing_; }
 
@@ -68,6 +70,7 @@ class RecordLayer {
   RecordProtection reading_;
   RecordProtection writing_;
   bool version_fixed_ = false;
+  bool takes_data_ = false;
   bool failed_ = false;
   bool closed_by_peer_ = false;
   int num_empty_ = 0;
