@@ -29,6 +29,9 @@ export function declaredFunctions() {
 export const declaredCodes = () => [...declarations.matchAll(/^ \* \| (-?\d+) \| ([A-Z_]+) \| (.*) \|$/gm)]
   .map(([, code, name, meaning]) => [Number(code), name, meaning]);
 
+/** ArkTS without its types. */
+export const withoutTypes = (text) => ts.transpileModule(text, { compilerOptions: { target: ts.ScriptTarget.ES2022, module: ts.ModuleKind.ESNext } }).outputText;
+
 /** A JSON text with comments. */
 export function parseJson5(text) {
   const { config, error } = ts.parseConfigFileTextToJson('manifest', text);

@@ -3,7 +3,7 @@
 
 import { now } from '../clock.mjs';
 
-export function tell(event, subject, sent) {
+export function tell(event, subject, sent = () => {}) { // the parent may be gone
   if (process.connected) process.send({ event, subject, sentAt: now() }, sent);
 }
 
@@ -19,7 +19,7 @@ export function giveUp(error) {
 export function obey(carryOut) {
   process.on('message', async ({ ping, ...order }) => {
     if (ping !== undefined) {
-      if (process.connected) process.send({ pong: ping });
+      if (process.connected) process.send({ pong: ping }, () => {});
       return;
     }
     try {
