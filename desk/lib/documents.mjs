@@ -32,9 +32,6 @@ const kForged = {
 
 const inWords = (name) => kWords[name] ?? name.replace(/([A-Z0-9]+)/g, ' $1').replace(/^./, (letter) => letter.toUpperCase());
 
-/** Words for the middle of a sentence. */
-const lower = (words) => words.replace(/^[A-Z](?=[a-z ])/, (letter) => letter.toLowerCase());
-
 /** Kinds of passports, as [name, words]. */
 export const PASSPORT_KINDS = [...Object.keys(PERSONAS).map((name) => [name, inWords(name)]),
   ...Object.entries(kForged).map(([name, { words }]) => [name, words])];
@@ -73,17 +70,17 @@ export const CHOICES = {
 
 /**
  * A document as chosen.
- * @returns {{kind: string, title: string, read: object, server: object, usual: object}} `read` goes to the reader process,
- *   `server` are settings of its decode server, and `usual` has both without the misbehaviour, when there is one. Throws a TypeError for what is not offered.
+ * @returns {{kind: string, title: string, read: object, server: object}} `read` goes to the reader process, `server` are
+ *   settings of its decode server. Throws a TypeError for what is not offered.
  */
 export function makeDocument({ document, passportKind = 'usual', misbehaviour = '' }) {
   const wrong = misbehaviour === '' ? {} : MISBEHAVIOURS[document]?.[misbehaviour];
   if (!wrong) throw new TypeError(`there is no ${document} with the misbehaviour ${misbehaviour}`);
-  const also = wrong.words ? `: ${lower(wrong.words)}` : '';
+  const also = wrong.words ? `: ${wrong.words.toLowerCase()}` : '';
   if (document === 'identityCard') {
     const card = new IdentityCard().secrets();
     return { kind: document, title: `Identity card${also}`, read: { card, rules: wrong.rules ?? [] },
-      server: { document, card, rules: wrong.server ?? [] }, ...(wrong.words && { usual: { read: { card, rules: [] }, server: { document, card } } }) };
+      server: { document, card, rules: wrong.server ?? [] } };
   }
   if (document !== 'passport' || !PASSPORT_KINDS.some(([name]) => name === passportKind)) {
     throw new TypeError(`there is no document ${document} ${passportKind}`);
@@ -92,10 +89,8 @@ export function makeDocument({ document, passportKind = 'usual', misbehaviour = 
   const passport = issuePassport(forged ? {} : { persona: passportKind });
   forged?.change(passport);
   const { documentNumber, birthDate, expiryDate } = passport;
-  const unusual = passportKind === 'usual' ? '' : ` (${lower(forged?.words ?? inWords(passportKind))})`;
-  const read = { passport: packPassport(passport), printed: { documentNumber, birthDate, expiryDate }, rules: [] };
-  const server = { document, passport: forged ? undefined : expectedPassport(passport) };
+  const unusual = passportKind === 'usual' ? '' : ` (${(forged?.words ?? inWords(passportKind)).replace(/^[A-Z](?=[a-z])/, (letter) => letter.toLowerCase())})`;
   return { kind: document, title: `Passport${unusual}${also}`,
-    read: { ...read, printed: { ...read.printed, ...wrong.printed }, rules: wrong.rules ?? [] },
-    server: { ...server, rules: wrong.server ?? [] }, ...(wrong.words && { usual: { read, server } }) };
+    read: { passport: packPassport(passport), printed: { documentNumber, birthDate, expiryDate, ...wrong.printed }, rules: wrong.rules ?? [] },
+    server: { document, passport: forged ? undefined : expectedPassport(passport), rules: wrong.server ?? [] } };
 }

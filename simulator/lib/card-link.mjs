@@ -5,7 +5,7 @@
 //   { on: 'READ 6011', nth: 2, do: 'answer', data: '6A82' }
 //
 //   on     the name of a step ('SELECT 6002'), its serial number (2), or 'any'
-//   nth    only the nth time that the rule's `on` matches since the rules were set
+//   nth    only the nth time (or times: a list) that the rule's `on` matches since the rules were set
 //   do     a row of ACTIONS, or an action of the card's own when it has some (`card.actions`)
 
 import { setTimeout as sleep } from 'node:timers/promises';
@@ -21,10 +21,12 @@ export const ACTIONS = {
   silence: () => [],
   delay: (good, rule) => [{ ...good, after: good.after + rule.ms }],
   status: (good, rule) => [{ ...good, status: rule.status ?? kCardFailed }],
+  gone: (good) => [{ ...good, data: Buffer.alloc(0), status: kCardFailed }], // and so is every answer after it
   answer: (good, rule) => [{ ...good, data: fromHex(rule.data) }],
   empty: (good) => [{ ...good, data: Buffer.alloc(0) }],
   nothingButSuccess: (good) => [{ ...good, data: fromHex('9000') }],
   trailingZero: (good) => [{ ...good, data: Buffer.concat([good.data, Buffer.alloc(1)]) }],
+  cut: (good, rule) => [{ ...good, data: good.data.subarray(0, rule.at < 0 ? good.data.length + rule.at : rule.at) }],
   shorten: (good, rule) => [{ ...good, data: Buffer.concat([good.data.subarray(0, rule.count), fromHex('9000')]) }],
   oversize: (good, rule) => [{ ...good, data: longAnswer(good.data, rule.size ?? 301) }],
   wrongSerial: (good, rule) => [{ ...good, serial: rule.serial }],
@@ -50,6 +52,7 @@ export class CardLink {
   #passedOn = false; // the card has rules from here
   #freeAt = 0;
   #late = 0; // by how much the timers overshot last time
+  #gone = false; // the card has left the field
 
   /**
    * @param {{respond: Function, spoiled: Function, actions?: string[], setRules?: Function}} card
@@ -65,6 +68,7 @@ export class CardLink {
 
   /** The rules from now on; those with an action of the card's own go to the card. */
   setRules(rules) {
+    this.#gone = false;
     const forCard = rules.filter((rule) => this.card.actions?.includes(rule.do));
     const others = rules.filter((rule) => !forCard.includes(rule));
     this.#rules = new RuleList(others, [...Object.keys(ACTIONS), ...(this.card.actions ?? [])]);
@@ -85,9 +89,14 @@ export class CardLink {
     const { name, answer } = this.card.respond(command, serial);
     const after = this.#pace(this.delay + this.perByte * (command.length + answer.length));
     let deliveries = [{ data: answer, serial, status: 0, after }];
+    if (this.#gone) {
+      deliveries = ACTIONS.gone(deliveries[0]);
+      this.card.spoiled(name, undefined, true);
+    }
     const rules = this.#rules.matching(name, serial);
     for (const rule of rules) {
       deliveries = deliveries.flatMap((delivery) => ACTIONS[rule.do](delivery, rule));
+      this.#gone ||= rule.do === 'gone';
       if (kHarmless.includes(rule.do)) continue;
       this.card.spoiled(name, this.#reached(command, deliveries), deliveries.length > 1);
     }

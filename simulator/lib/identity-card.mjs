@@ -65,7 +65,8 @@ export class IdentityCard extends EventEmitter {
 
   /**
    * @param {object} [secrets]  cardKey, managementData, file6011, file6012, file6013 as hexadecimal text or bytes
-   *   (what `secrets()` of another card gives), and proofLength: 8 or 18 bytes for INTERNAL AUTHENTICATE's answer
+   *   (what `secrets()` of another card gives), and proofLength: 8 or 18 bytes for INTERNAL AUTHENTICATE's answer;
+   *   random (count) => bytes: where its challenge comes from
    */
   constructor(secrets = {}) {
     super();
@@ -77,6 +78,7 @@ export class IdentityCard extends EventEmitter {
     };
     this.cardKey = bytesOf(secrets.cardKey ?? DEVELOPMENT_CARD_KEY, 16);
     this.proofLength = secrets.proofLength ?? 8;
+    this.random = secrets.random ?? randomBytes;
     this.#files = Object.fromEntries(Object.entries(FILE_SIZES).map(([id, size]) =>
       [id, bytesOf(id === '6002' ? secrets.managementData : secrets[`file${id}`], size)]));
     this.differences = [];
@@ -217,7 +219,7 @@ export class IdentityCard extends EventEmitter {
   }
 
   #getChallenge() {
-    this.#challenge = randomBytes(8);
+    this.#challenge = this.random(8);
     return Buffer.concat([this.#challenge, SW.success]);
   }
 

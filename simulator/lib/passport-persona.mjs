@@ -40,26 +40,24 @@ function statusText({ refusals }, status) {
   return refusals === 'protected' ? `9902${status}` : status; // of an answer of several bytes, the first two and the last
 }
 
-/** The files of a passport by name. */
-export const filesByName = ({ files }) => Object.fromEntries([...files].map(([id, content]) => [fileName(id), content]));
+/** The files of a passport's application by name. */
+export const filesByName = ({ files }) => Object.fromEntries([...files].filter(([id]) => id !== FILE_ID.CARD_ACCESS)
+  .map(([id, content]) => [fileName(id), content]));
 
 /**
  * What a decode server should get to see of this passport: the setting `passport` of its configuration. Both
- * authentications must pass. A refusal under secure messaging costs the reader the session, since only the chip counts
- * it: the files that come after it are refused as well.
+ * authentications must pass.
  */
 export function expectedPassport(passport) {
   const { files, refused } = passport;
   const given = filesByName(passport);
   const statuses = {};
   const names = new Map([...files.keys(), ...refused.keys()].map((id) => [fileName(id), id]));
-  let lost = false;
   for (const name of ['EF.COM', 'EF.SOD', ...readingOrder(given)]) {
     const id = names.get(name);
-    const status = lost ? '6988' : files.has(id) ? refused.get(id)?.status : '6A82';
+    const status = files.has(id) ? refused.get(id)?.status : '6A82';
     if (status === undefined) continue;
-    statuses[name] = lost ? status : statusText(passport, status);
-    lost ||= passport.refusals === 'protected';
+    statuses[name] = statusText(passport, status);
     delete given[name];
   }
   if (!('EF.COM' in given) && !refused.has(FILE_ID.COM)) delete statuses['EF.COM']; // it has no row

@@ -6,7 +6,7 @@ import { SERVER_STEPS } from './account.mjs';
 import { fromHex } from './bytes.mjs';
 import { Misbehaviour } from './decode-server/misbehaviour.mjs';
 import { STEPS } from './identity-card.mjs';
-import { PASSPORT_STEPS } from './passport/chip.mjs';
+import { PACE_STEPS, PASSPORT_STEPS } from './passport/chip.mjs';
 import { expectedPassport, unpackPassport } from './passport-persona.mjs';
 import { expectedPersona } from './persona.mjs';
 
@@ -34,7 +34,7 @@ export function loadPersona(path) {
 }
 
 const kPassportFile = /^(SELECT|READ) (EF\.\w+|DG\d+)$/;
-const isPassportStep = (on) => PASSPORT_STEPS.includes(on) || kPassportFile.test(on);
+const isPassportStep = (on) => [...PASSPORT_STEPS, ...PACE_STEPS].includes(on) || kPassportFile.test(on);
 
 /** Refuses rules whose `on` names nothing. */
 function refuseOthersOn(rules, where, named, isKnown) {

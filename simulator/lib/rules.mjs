@@ -1,6 +1,6 @@
 // Rules of misbehaviour of a card, its chip or the link to it: which rule applies to which command.
 
-/** A list of rules `{ on, do, nth, ... }` that counts what has matched. */
+/** A list of rules `{ on, do, nth, ... }` that counts what has matched; `nth` is a number or a list of them. */
 export class RuleList {
   #entries;
 
@@ -22,7 +22,7 @@ export class RuleList {
     return this.#entries.filter((entry) => {
       if (![name, serial, 'any'].includes(entry.rule.on)) return false;
       entry.matched += 1;
-      return (entry.rule.nth ?? entry.matched) === entry.matched;
+      return [entry.rule.nth ?? entry.matched].flat().includes(entry.matched);
     }).map(({ rule }) => rule);
   }
 }

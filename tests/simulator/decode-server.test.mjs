@@ -1,83 +1,111 @@
-// The simulated decode server and card against a client that shares no code with them.
+// The simulated decode server at its connections, and what it finds out about a passport. What requests hold is the subject of
+// replay.test.mjs.
 
 import assert from 'node:assert/strict';
+import { constants, createHash, privateEncrypt, randomBytes } from 'node:crypto';
+import { once } from 'node:events';
+import { connect } from 'node:net';
 import { after, test } from 'node:test';
-import { setTimeout as sleep } from 'node:timers/promises';
+import { checkWhole } from '../../simulator/lib/decode-server/passport-files.mjs';
+import { verifyPassport } from '../../simulator/lib/decode-server/passport-verification.mjs';
 import { DecodeServer } from '../../simulator/lib/decode-server/server.mjs';
-import { IdentityCard } from '../../simulator/lib/identity-card.mjs';
-import { DEFAULT_IDENTITY, expectedPersona } from '../../simulator/lib/persona.mjs';
-import { Client } from './client.mjs';
+import { filesByName, packPassport } from '../../simulator/lib/passport-persona.mjs';
+import { issuePassport } from '../../simulator/lib/passport/specimen.mjs';
+import { recordReads } from './recording.mjs';
 
-const kKey = '000102030405060708090A0B0C0D0E0F';
 const servers = [];
 after(() => Promise.all(servers.map((server) => server.stop())));
+const kPassport = issuePassport({ dataGroups: [1, 11, 15] });
+const [{ requests, openSession }] = await recordReads([{ passport: packPassport(kPassport), readMode: 1 }]);
+const kConfig = { ...openSession().config };
+const [first, second, third] = requests.map(({ request }) => request);
 
-async function setUp({ readMode = 2, ...config } = {}) {
-  const card = new IdentityCard();
-  const identity = { ...DEFAULT_IDENTITY, readMode };
-  const expected = { persona: expectedPersona(identity), card: card.secrets() };
-  const server = new DecodeServer({ keys: { 268: kKey }, ...expected, ...config });
+/** Writes to a server that draws the recorded numbers; gives what it answers (hexadecimal, null when it hangs up) and finds. */
+async function told(pieces, { config, sockets = [0] } = {}) {
+  const server = new DecodeServer({ ...kConfig, ...openSession().config, ...config });
   servers.push(server);
   const { port } = await server.start();
-  const client = new Client({ identity, protocolKey: kKey, card: card.secrets() });
-  await client.connect(port);
-  return { server, card, client };
+  const open = [];
+  const answers = [];
+  for (const [i, piece] of pieces.entries()) {
+    const which = sockets[i] ?? 0;
+    open[which] ??= connect(port, '127.0.0.1').on('error', () => {});
+    open[which].write(piece);
+    const [data] = await Promise.race([once(open[which], 'data'), once(open[which], 'end').then(() => [null])]);
+    answers.push(data?.toString('hex') ?? null);
+  }
+  open.forEach((socket) => socket.destroy());
+  return { answers, differences: server.differences.map(({ message }) => message), exchanges: server.exchanges };
 }
 
-function monitorText(session, changes = {}) {
-  const { reqid, code } = { reqid: session.businessId, code: 0, ...changes };
-  return `{"reqid": "${reqid}", "result_code": ${code}, "decode_times": 12, "time_delay": 3, ` +
-    '"nfc_err_code": 36864, "nfc_err_cmd": "", "card_type": 0, "device_id": "SIMULATED-DEVICE-0001", ' +
-    `"appid": "SIMULATEDREADER00001", "sod_file": "", "stickCard_id": "${session.stickCardId.toUpperCase()}"}`;
-}
+test('answers, and their fields by name', async () => {
+  const { answers, differences, exchanges } = await told([first, second, third], { sockets: [0, 0, 1] });
+  assert.match(differences[0], /connection is one more, expected new after the old one is closed/);
+  assert.match(answers[1], /^720000002e72010000000008aa/);
+  assert.equal(answers[2], null);
+  assert.deepEqual([exchanges[0].fields.terId, exchanges[0].answer.businessId, exchanges[1].answer.token.length], [0x51, 'SIMULATED-READ-000001', 32]);
+});
 
-/** One thing wrong at a time: the step at which it goes out, and the words that must name it. */
+/** What a connection begins with, and what is said of it. */
 const kWrong = [
-  [0, 'terminal id', (c) => c.authentication({ terId: 0x52 }), /^0x7500: terminal id is 52, expected 51$/],
-  [0, 'last byte of the authentication block', (c) => c.authentication({ tail: '03' }),
-    /^0x7500: byte before the checksum is 03, expected 02$/],
-  [1, 'byte B', (c) => c.first({ byteB: '01' }), /^0x5001: byte B .* is 0x01, expected 0x11$/],
-  [1, 'order', (c) => c.relay('6002', ''), /^0x6002: command is 0x6002, expected 0x5001 or 0x7219$/],
-  [2, 'card\'s proof', (c) => c.relay('5012', Buffer.alloc(8)), /^0x5012: card's proof is 0000000000000000/],
-  [2, 'length of the card bytes', (c) => c.relay('5012', Buffer.alloc(9)),
-    /^0x5012: length of the data is 11, expected 10 or 20$/],
-  [1, 'business id in the monitor record', (c, s) => c.monitor(monitorText(s, { reqid: 'X', code: -1 })),
-    /^0x7219: "reqid" is X/],
-  [1, 'result code of a broken-off read', (c, s) => c.monitor(monitorText(s)),
-    /"result_code" is 0, expected a negative code/],
-  [1, 'blank in the monitor record', (c, s) => c.monitor(monitorText(s, { code: -1 }).replace(', ', ',')),
-    /monitor text is/],
-  [3, 'what follows the monitor record', (c, s) => c.monitor(monitorText(s, { code: -1 })),
-    /nothing after the monitor report/],
+  ['an unknown header byte', Buffer.concat([Buffer.of(0x73), first.subarray(1)]), /header byte is 73, expected 70, 71 or 72/],
+  ['a length that no request has', Buffer.from('7200057500000900', 'hex'), /length field is 5, expected 12 to/],
+  ['a request behind the first', Buffer.concat([first, second]), /followed by 72.* expected alone until it has been answered/],
+  ['a token that nobody has handed out', third, /token is .*, expected one that 0x7201 has handed out/],
+  ['another environment', first, /environment of the reader is 268: its key opens the envelope, expected 52302/, { envIdCode: 52302 }],
+  ['other keys', first, /environment of the reader is none of these/, { keys: { 268: '00'.repeat(16), 52302: '11'.repeat(16) } }],
 ];
-for (const [steps, name, send, says] of kWrong) {
-  test(`reported in words: ${name}`, async () => {
-    const { server, client } = await setUp();
-    const session = steps > 0 ? client.accept(await client.exchange(client.authentication())) : null;
-    if (steps === 2) await client.exchange(client.first());
-    if (steps === 3) assert.ok(await client.exchange(send(client, session)));
-    assert.equal(await client.exchange(send(client, session)), null);
-    assert.equal(server.differences.length, 1);
-    assert.match(server.differences[0].message, says);
+for (const [name, piece, says, config] of kWrong) {
+  test(`reported in words: ${name}`, async () => assert.match((await told([piece], { config })).differences[0], says));
+}
+
+test('a difference is answered as configured', async () => {
+  const wrong = Buffer.concat([first.subarray(0, -1), Buffer.of(first.at(-1) ^ 1)]);
+  const { answers: [answer] } = await told([wrong], { config: { onDifference: 'status:001301' } });
+  assert.equal(answer.slice(10, 16), '001301');
+  for (const setting of [{ colour: 1 }, { onDifference: 'nothing' }, { envIdCode: 1 }, { document: 'car' }]) {
+    assert.throws(() => new DecodeServer({ keys: kConfig.keys, ...setting }), TypeError);
+  }
+});
+
+// --- passports ---------------------------------------------------------------------------------------------------------------
+
+const kChallenge = Buffer.from('0102030405060708', 'hex');
+
+/** ISO/IEC 9796-2 scheme 1 over the challenge. */
+function prove(key) {
+  const own = randomBytes(106);
+  const hash = createHash('sha1').update(own).update(kChallenge).digest();
+  return privateEncrypt({ key, padding: constants.RSA_NO_PADDING }, Buffer.concat([Buffer.of(0x6a), own, hash, Buffer.of(0xbc)]));
+}
+const flipped = (bytes, at) => Buffer.from(bytes.map((byte, i) => (i === at ? byte ^ 1 : byte)));
+const kFiles = filesByName(kPassport);
+
+/** Changes to a good passport, and what the server finds out: passive and active authentication, signature, a hash. */
+const kFindings = [
+  [{}, 'passed', 'passed', 'good', ['DG11', 'good']],
+  [{ DG11: flipped(kFiles.DG11, 20) }, 'failed', 'passed', 'good', ['DG11', 'differs']],
+  [{ 'EF.SOD': flipped(kFiles['EF.SOD'], 120) }, 'failed', 'passed', undefined],
+  [{ 'EF.SOD': flipped(kFiles['EF.SOD'], kFiles['EF.SOD'].length - 5) }, 'failed', 'passed', 'wrong'],
+  [{ 'EF.SOD': Buffer.of(0x77, 0) }, 'failed', 'passed', undefined],
+  [{ DG11: Buffer.alloc(0) }, 'passed', 'passed', 'good', ['DG11', 'not read']],
+  [{ DG12: Buffer.of(0x6c, 0) }, 'failed', 'passed', 'good', ['DG12', 'not listed']],
+  [{ DG15: Buffer.alloc(0) }, 'passed', 'not done', 'good', ['DG15', 'not read']],
+  [{ answer: prove(issuePassport().aaKey) }, 'passed', 'failed', 'good'],
+  [{ answer: Buffer.alloc(0) }, 'passed', 'failed', 'good'],
+  [{ authority: issuePassport().authority.map((byte, i) => (i === 300 ? byte ^ 1 : byte)) }, 'failed', 'passed', undefined],
+];
+for (const [{ answer = prove(kPassport.aaKey), authority = kPassport.authority, ...files }, passive, active, signature, hash] of kFindings) {
+  test(`verification: ${Object.keys(files).join()} ${passive}, ${active}`, () => {
+    const found = verifyPassport({ files: { ...kFiles, ...files }, challenge: kChallenge, answer }, authority);
+    assert.deepEqual([found.passiveAuthentication, found.activeAuthentication, signature && found.signature], [passive, active, signature]);
+    if (hash) assert.equal(found.hashes[hash[0]], hash[1]);
   });
 }
 
-test('every flipped bit of a request is noticed', async () => {
-  const { server, client } = await setUp({ onDifference: 'status:001301' });
-  const request = client.authentication();
-  const port = server.address.port;
-  for (let bit = 0; bit < request.length * 8; bit += 11) {
-    const flipped = Buffer.from(request);
-    flipped[bit >> 3] ^= 1 << bit % 8;
-    const other = new Client({ identity: DEFAULT_IDENTITY, protocolKey: kKey, card: client.card });
-    await other.connect(port);
-    const before = server.differences.length;
-    const answer = await Promise.race([other.exchange(flipped), sleep(40, 'none')]);
-    other.close();
-    if (answer !== 'none') assert.ok(server.differences.length > before, `bit ${bit}`);
-    else assert.ok(bit >= 8 && bit < 24, `bit ${bit} is not in the length field`);
-    if (Buffer.isBuffer(answer)) assert.equal(answer.subarray(5, 8).toString('hex'), '001301');
-  }
-  client.close();
+test('a file comes whole or not at all', () => {
+  const whole = ['', '7700', '770000', '6102AABB', '6183AABB', '618101AA', '61820001AA', '6180AABB'];
+  const cut = ['61', '6103AABB', '6101AABB00', '6102AABBCC', '618102AA', '61820002AA', '61820000AA', '6183AABBCC'];
+  for (const file of whole) checkWhole('DG1', Buffer.from(file, 'hex'), 'here');
+  for (const file of cut) assert.throws(() => checkWhole('DG1', Buffer.from(file, 'hex'), 'here'), /as its header says, or none at all/, file);
 });
-

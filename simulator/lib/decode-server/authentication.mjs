@@ -1,7 +1,6 @@
 // Server authentication, command 0x7500: the reader shows who it is and brings a key of its own; the server
 // answers with the session's key, a business id and a new stick-card id.
 
-import { randomBytes } from 'node:crypto';
 import { FieldReader, fromHex, hex, u8 } from '../bytes.mjs';
 import { decrypt, hostRandom, keyBlock, sm3 } from '../crypto.mjs';
 import { Difference } from '../difference.mjs';
@@ -37,10 +36,30 @@ function read(session, request) {
   return { ...fields, ...told, clientKey: hex(clientKey) };
 }
 
-function readEnvelope(session, envelope) {
-  const { keys, envIdCode } = session.config;
+/** The reader's key; when the envelope is one for another environment, the difference says for which. */
+function readEnvelope({ config: { keys, envIdCode } }, envelope) {
+  try {
+    return openEnvelope(keys[envIdCode], envIdCode, envelope);
+  } catch (error) {
+    if (!(error instanceof Difference)) throw error;
+    const fitting = Object.keys(keys).find((code) => code !== String(envIdCode) && opens(keys[code], code, envelope));
+    const actual = fitting ? `${fitting}: its key opens the envelope` : 'none of these, or other keys: no key opens the envelope';
+    const known = `${envIdCode} (of ${Object.keys(keys).join(', ')})`;
+    throw Object.keys(keys).length > 1 ? new Difference(kCommand, 'environment of the reader', known, actual) : error;
+  }
+}
+
+function opens(...envelope) {
+  try {
+    return openEnvelope(...envelope).length > 0;
+  } catch {
+    return false;
+  }
+}
+
+function openEnvelope(protocolKey, envIdCode, envelope) {
   const what = `the key envelope, under the key of environment ${envIdCode}`;
-  const r = new FieldReader(decrypt(keyBlock(keys[envIdCode]), envelope, kCommand, what), kCommand);
+  const r = new FieldReader(decrypt(keyBlock(protocolKey), envelope, kCommand, what), kCommand);
   r.expect('length of the key envelope', '0013');
   const key = r.take('key of the envelope', 16);
   r.checksum('checksum of the key envelope', 0);
@@ -105,14 +124,14 @@ function asciiOrNothing(text) {
 }
 
 function reply(session) {
-  const { businessId, newStickCardId, opaqueLength, timing } = session.config;
-  const key = randomBytes(16);
+  const { businessId, newStickCardId, opaqueLength, timing, random } = session.config;
+  const key = random(16);
   session.key = keyBlock(key, session.clientKey.vector);
   return {
     key: session.clientKey,
     code: 0x7500,
     header: session.header,
-    opaque: randomBytes(opaqueLength),
+    opaque: random(opaqueLength),
     block: {
       key,
       unused: 0x0f,

@@ -1,7 +1,6 @@
 // Card authentication, commands 0x5001, 0x5012, 0x5022 and 0x5032: the reader relays the card's answers, the
 // server answers with what the card is to be sent next.
 
-import { randomBytes } from 'node:crypto';
 import { FieldReader, fromHex, hex } from '../bytes.mjs';
 import { cardProof, serverProof } from '../card-authentication.mjs';
 import { Difference } from '../difference.mjs';
@@ -67,7 +66,7 @@ function readFirst(session, request) {
 
 /** The server's challenge; the reader makes it an INTERNAL AUTHENTICATE for the card. */
 function replyFirst(session) {
-  session.serverChallenge = randomBytes(8);
+  session.serverChallenge = session.config.random(8);
   return secretReply(session, 0x5001, 0x5001, session.serverChallenge);
 }
 

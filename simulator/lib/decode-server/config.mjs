@@ -1,5 +1,6 @@
 // The decode server's configuration: every setting with its default.
 
+import { randomBytes } from 'node:crypto';
 import { fromHex, hex } from '../bytes.mjs';
 import { DEVELOPMENT_CARD_KEY, SPECIMEN_PERSON } from '../persona.mjs';
 import { HEADER } from './frames.mjs';
@@ -19,6 +20,7 @@ const DEFAULTS = {
   //                    reading does not end with "9000"; verification: { activeAuthentication: 'passed', ... }: what
   //                    must come of it; authority: certificate of who has issued the signer's }; undefined: any passport
   token: undefined, //  what 0x7201 hands out, hexadecimal, up to 16 bytes; undefined: random
+  random: randomBytes, // (count) => bytes: where keys, challenges and tokens come from
   timing: false, //     ask the reader to time the card
   opaqueLength: 0, //   opaque bytes in front of the 0x7500 answer
   businessId: 'SIMULATED-READ-000001',

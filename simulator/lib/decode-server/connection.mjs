@@ -5,7 +5,7 @@ import { setTimeout as sleep } from 'node:timers/promises';
 import { commandName, fromHex, hex } from '../bytes.mjs';
 import { now } from '../clock.mjs';
 import { Difference } from '../difference.mjs';
-import { codeOf, encodeReply, requestLength } from './frames.mjs';
+import { codeOf, encodeReply, replyFields, requestLength } from './frames.mjs';
 import { applyRules } from './misbehaviour.mjs';
 import { Session } from './session.mjs';
 
@@ -102,7 +102,7 @@ export class Connection {
   async #exchange(request) {
     const exchange = {
       connection: this.number, index: this.#index, command: commandName(codeOf(request)),
-      request: Buffer.from(request), response: null, receivedAt: now(), answeredAt: null, fields: null, rules: [],
+      request: Buffer.from(request), response: null, receivedAt: now(), answeredAt: null, fields: null, answer: null, rules: [],
     };
     this.#index += 1;
     if (this.#received.length > 0) {
@@ -127,6 +127,7 @@ export class Connection {
     const rules = this.#server.misbehaviour.matching(command, { index: exchange.index, connection: this.number });
     const plan = applyRules(rules, reply);
     exchange.rules = rules.map((rule) => rule.kind ?? rule.do);
+    exchange.answer = replyFields(plan.reply);
     const wire = encodeReply(plan.reply, reply.key, plan.change);
     this.session.answered(command, plan.reply.status ?? Buffer.alloc(3), plan.spoiled);
     if (command === '0x7219') {

@@ -2,7 +2,7 @@
 // payload, for most commands, an SM4-encrypted secret command frame. Requests are taken apart strictly;
 // answers are put together in stages so that misbehaviour can reach into any of them (see misbehaviour.mjs).
 
-import { commandName, FieldReader, sum8, u16, u32, u8 } from '../bytes.mjs';
+import { commandName, FieldReader, hex, sum8, u16, u32, u8 } from '../bytes.mjs';
 import { decrypt, encryptBlocks, pad } from '../crypto.mjs';
 import { Difference } from '../difference.mjs';
 
@@ -163,6 +163,15 @@ export function encodeReply(reply, key, change = (_stage, value) => value) {
     payload,
   });
   return change('wire', encodeFrame(frame));
+}
+
+/** What an answer says, in plain and by name, for people: status, and its content as `encodeReply` takes it. */
+export function replyFields({ status = Buffer.alloc(3), block, secret, sealed, flagged }) {
+  const shown = ([name, value]) => [name, Buffer.isBuffer(value) ? hex(value) : value];
+  const { businessId } = block ?? {};
+  const content = { ...block, ...(businessId && { businessId: businessId.toString('utf8') }), ...(secret && { data: secret.data }),
+    ...(sealed && { token: sealed }), ...flagged };
+  return { status: hex(status), ...Object.fromEntries(Object.entries(content).map(shown)) };
 }
 
 /** Misbehaviour may have left a length that is no multiple of the block size: such bytes go out as they are. */

@@ -49,7 +49,7 @@ function checkRecord(session, record, at) {
   if (record.nfc_err_code < 0 || record.nfc_err_code > 0xffffffff) {
     throw new Difference(at, '"nfc_err_code"', '0 to 4294967295', record.nfc_err_code);
   }
-  const mayFail = session.received && endedBadly(session.received);
+  const mayFail = session.received && endedBadly(session.received, record.sod_file);
   if (record.result_code === 0 && !mayFail && (record.nfc_err_code !== kCardAnswered || command !== '')) {
     throw new Difference(at, '"nfc_err_code" and "nfc_err_cmd" of a good read', `${kCardAnswered} and nothing`,
       `${record.nfc_err_code} and ${command || 'nothing'}`);

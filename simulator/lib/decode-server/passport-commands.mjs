@@ -1,13 +1,12 @@
 // The passport's own commands: 0x7201 opens a read and hands out its token; the reader hangs up, reads the chip, comes
 // back and sends the files with 0x7202, in front of which the token stands.
 
-import { randomBytes } from 'node:crypto';
 import { FieldReader, fromHex, hex, u16 } from '../bytes.mjs';
 import { Difference } from '../difference.mjs';
 import { readOpening } from './card-commands.mjs';
 import { readTiming, resultReply } from './decode-commands.mjs';
 import { parseSecret } from './frames.mjs';
-import { expectedFiles, filesAsText, lastCoreFile, SLOTS } from './passport-files.mjs';
+import { checkWhole, expectedFiles, filesAsText, lastCoreFile, SLOTS } from './passport-files.mjs';
 import { holderOf } from './passport-holder.mjs';
 import { verifyPassport } from './passport-verification.mjs';
 
@@ -25,8 +24,8 @@ function readStart(session, request) {
 }
 
 function replyStart(session) {
-  const { token } = session.config;
-  const given = token === undefined ? randomBytes(kToken) : fromHex(token);
+  const { token, random } = session.config;
+  const given = token === undefined ? random(kToken) : fromHex(token);
   session.token = Buffer.concat([given, Buffer.alloc(kToken - given.length)]); // a shorter one is filled with zeros
   return { key: session.key, code: 0x7201, header: session.header, sealed: given };
 }
@@ -51,6 +50,7 @@ function readFiles(session, request) {
   files['EF.COM'] = takeBlock(r, 'EF.COM', expected('EF.COM'));
   const { cardTime, fileTime } = readTiming(session, r);
   r.done();
+  for (const [name, file] of Object.entries(files)) checkWhole(name, file, r.at);
 
   const asked = checkActive(session, { files, answer, challenge }, r.at);
   const verification = verifyPassport({ files, challenge, answer }, passport?.authority);

@@ -71,6 +71,21 @@ function isWhole(file) {
   }
 }
 
+const kFirstBytes = 4; // what a reader asks for to learn the size
+
+/**
+ * A file comes whole or not at all. Its size is that of its header, a tag of one byte and a length in short, 81- or 82-form;
+ * of a file whose header claims less than the first bytes hold, or tells nothing, these are the whole.
+ */
+export function checkWhole(name, file, at) {
+  if (file.length === 0) return;
+  const start = Buffer.concat([file.subarray(0, kFirstBytes), Buffer.alloc(kFirstBytes)]);
+  const form = start[1];
+  const size = form < 0x80 ? 2 + form : form === 0x81 ? 3 + start[2] : form === 0x82 ? 4 + start.readUInt16BE(2) : 2;
+  const good = size >= kFirstBytes ? file.length === size : file.length >= size && file.length <= kFirstBytes;
+  if (!good) throw new Difference(at, `length of ${name}`, `${size}, as its header says, or none at all`, file.length);
+}
+
 /**
  * The rows that the status text must have for files that came: { name, status, optional }. A status that is not known
  * is undefined; that file has failed, with whatever status.
@@ -105,19 +120,16 @@ export function checkStatusText(text, received, statuses, at) {
     const wanted = `${name}:${status ?? (failed ? 'the status of a failure' : 'a status')}`;
     const fits = gotName === name && (status === undefined ? !failed || gotStatus !== kGood : gotStatus === status);
     if (!fits) throw differ(`${wanted} at character ${length}`, part);
-    // a reader that is told of a refusal once more notes it twice
-    do {
-      length += (length > 0 ? 1 : 0) + part.length;
-      parts.shift();
-    } while (gotStatus !== kGood && parts[0] === part);
+    length += (length > 0 ? 1 : 0) + part.length;
+    parts.shift();
   }
   if (parts.length > 0) throw differ('no further row', parts.join(';'));
 }
 
 /** Did reading these files end with an answer that was not a good one? Only then may a good read name an error. */
-export function endedBadly({ files, readMode, answered }) {
+export function endedBadly({ files, readMode, answered }, text) {
   const last = readingOrder(files, readMode).at(-1);
-  return !answered || !(files[last]?.length > 0);
+  return !answered || !(files[last]?.length > 0) || !text.endsWith(`:${kGood}`);
 }
 
 /**

@@ -15,8 +15,9 @@ const kMostKept = 1000; // conversations whose reader may still come back
  * A decode server for resident identity cards and passports.
  *
  * Records: `exchanges`, `monitors`, `verifications`, `differences`, `connections`. Events, with the same objects:
- *   'exchange'    { connection, index, command, request, response, receivedAt, answeredAt, fields, rules }
- *                 request and response are bytes; `response` is null when none was sent
+ *   'exchange'    { connection, index, command, request, response, receivedAt, answeredAt, fields, answer, rules }
+ *                 request and response are bytes; `response` is null when none was sent; `fields` and `answer` are what they
+ *                 hold in plain, by name
  *   'monitor'     { connection, raw, record }: the text as it came, and parsed
  *   'verification' { connection, passiveAuthentication, activeAuthentication, signature, signer, hashes } of a passport,
  *                 see passport-verification.mjs

@@ -5,18 +5,19 @@ import { DER, writer } from './der.mjs';
 import { biometricTemplates, faceRecord, portrait } from './face-record.mjs';
 import { td3Lines } from './mrz.mjs';
 
-/** Identifiers of the elementary files. Data group n is 0x0100 + n. */
-export const FILE_ID = Object.freeze({ COM: 0x011e, SOD: 0x011d, DG1: 0x0101, DG2: 0x0102, DG3: 0x0103,
+/** Identifiers of the elementary files. Data group n is 0x0100 + n. EF.CardAccess is a file of the chip, not of the application. */
+export const FILE_ID = Object.freeze({ CARD_ACCESS: 0x011c, COM: 0x011e, SOD: 0x011d, DG1: 0x0101, DG2: 0x0102, DG3: 0x0103,
   DG11: 0x010b, DG14: 0x010e, DG15: 0x010f });
 
 /** Outer tags of the data groups: the place in the list is the number of the group. */
 export const DATA_GROUP_TAGS = Object.freeze([undefined, 0x61, 0x75, 0x63, 0x76, 0x65, 0x66, 0x67, 0x68, 0x69, 0x6a,
   0x6b, 0x6c, 0x6d, 0x6e, 0x6f, 0x70]);
 
-/** "EF.COM", "EF.SOD", "DG1" ... "DG16", or the identifier in hexadecimal. */
+/** "EF.COM", "EF.SOD", "EF.CardAccess", "DG1" ... "DG16", or the identifier in hexadecimal. */
 export function fileName(fileId) {
   if (fileId === FILE_ID.COM) return 'EF.COM';
   if (fileId === FILE_ID.SOD) return 'EF.SOD';
+  if (fileId === FILE_ID.CARD_ACCESS) return 'EF.CardAccess';
   if (fileId > 0x0100 && fileId <= 0x0110) return `DG${fileId - 0x0100}`;
   return `file ${fileId.toString(16).toUpperCase().padStart(4, '0')}`;
 }

@@ -4,6 +4,7 @@
 import { createPublicKey, generateKeyPairSync } from 'node:crypto';
 import { DATA_GROUP_TAGS, FILE_ID, dataGroup, dataGroupId, efCom } from './lds.mjs';
 import { td3Lines } from './mrz.mjs';
+import { cardAccess } from './pace.mjs';
 import { documentSigner, efSod } from './security-object.mjs';
 
 /** The holder of the specimen. Nobody. */
@@ -17,6 +18,7 @@ export const HOLDER = Object.freeze({
 const kDefaults = {
   documentNumber: 'SPEC01234', birthDate: '900101', expiryDate: '341231', dataGroups: [1, 2, 11, 14, 15],
   portraitSize: 17000, aaBits: 1024, refusals: 'naked', sod: {}, overrides: {}, missing: [], refused: {},
+  cardAccessTail: '',
 };
 
 /**
@@ -40,6 +42,10 @@ const kDefaults = {
  * @param {object} [options.refused]         by file identifier: { on: 'select' or 'read', status } for files that
  *   the chip keeps to itself
  * @param {string} [options.refusals]        'naked' or 'protected': how the chip refuses a protected command
+ * @param {object[]} [options.pace]          what EF.CardAccess offers, see `cardAccess` in pace.mjs: { cipher, mapping, curve }
+ * @param {string} [options.cardAccessTail]  bytes behind it, hexadecimal
+ * @param {object} [options.withoutBac]      { on, status }: the chip wants PACE; it refuses SELECT APPLICATION, GET CHALLENGE
+ *   or EXTERNAL AUTHENTICATE
  * @returns {{documentNumber: string, birthDate: string, expiryDate: string, files: Map<number, Buffer>,
  *   holder: object, mrz: [string, string], aaKey: KeyObject, aaPublicKey: KeyObject,
  *   authority: Buffer, dataGroups: number[], refused: Map<number, object>, refusals: string}} the first three as the
@@ -65,12 +71,13 @@ export function issuePassport(options = {}) {
     ...[...groups].map(([number, content]) => [dataGroupId(number), content]),
     ...overrides,
   ]);
+  if (given.pace) files.set(FILE_ID.CARD_ACCESS, overrides.get(FILE_ID.CARD_ACCESS) ?? Buffer.concat([cardAccess(given.pace), Buffer.from(given.cardAccessTail, 'hex')]));
   for (const id of given.missing) files.delete(id);
   return {
     documentNumber, birthDate, expiryDate, files, holder, mrz: td3Lines(holder), aaKey, aaPublicKey, dataGroups,
     authority: documentSigner().authority,
     refused: new Map(Object.entries(given.refused).map(([id, refusal]) => [Number(id), refusal])),
-    refusals: given.refusals,
+    refusals: given.refusals, pace: given.pace, withoutBac: given.withoutBac,
   };
 }
 
@@ -117,4 +124,6 @@ export const PERSONAS = Object.freeze({
   allGroups: { dataGroups: [1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16] },
   otherOrder: { dataGroups: [14, 2, 12, 15, 1, 11] },
   bigPortrait: { portraitSize: 40000 },
+  paceAlone: { pace: [{ cipher: 'aes128', curve: 13 }], withoutBac: { on: 'SELECT APPLICATION', status: '6982' } },
+  paceToo: { pace: [{ cipher: 'aes128', curve: 13 }] },
 });

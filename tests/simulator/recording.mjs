@@ -1,0 +1,101 @@
+// Good reads of the library, recorded: what card or chip and decode server were sent, to be sent to others that hold the
+// same secrets and draw the same random numbers, as it was or with something changed.
+
+import assert from 'node:assert/strict';
+import { fork } from 'node:child_process';
+import { createHash } from 'node:crypto';
+import { once } from 'node:events';
+import { fileURLToPath } from 'node:url';
+import { fromHex, hex } from '../../simulator/lib/bytes.mjs';
+import { CardLink } from '../../simulator/lib/card-link.mjs';
+import { completeConfig } from '../../simulator/lib/decode-server/config.mjs';
+import { DecodeServer } from '../../simulator/lib/decode-server/server.mjs';
+import { Session } from '../../simulator/lib/decode-server/session.mjs';
+import { IdentityCard } from '../../simulator/lib/identity-card.mjs';
+import { loadKeys } from '../../simulator/lib/keys.mjs';
+import { PassportChip } from '../../simulator/lib/passport/chip.mjs';
+import { expectedPassport, unpackPassport } from '../../simulator/lib/passport-persona.mjs';
+import { DEFAULT_IDENTITY, expectedPersona } from '../../simulator/lib/persona.mjs';
+import { DEFAULT_LIBRARY, Reader } from '../../simulator/lib/reader.mjs';
+
+const kKeys = loadKeys(fileURLToPath(new URL('../../keys/development_keys.h', import.meta.url))).decode;
+
+/** The same random numbers each time. */
+export function sameRandom() {
+  let drawn = 0;
+  return (count) => Buffer.concat(Array.from({ length: Math.ceil(count / 32) }, () =>
+    createHash('sha256').update(String(drawn += 1)).digest())).subarray(0, count);
+}
+
+/** What takes part in a read; `passport` in its plain form. */
+function participants({ passport, readMode, secrets }) {
+  const identity = { ...DEFAULT_IDENTITY, readMode };
+  const document = passport && unpackPassport(passport);
+  const config = { keys: kKeys, persona: expectedPersona(identity), document: passport ? 'passport' : 'identityCard',
+    ...(passport ? { passport: expectedPassport(document) } : { card: secrets }) };
+  return { identity, document, serverConfig: () => ({ ...config, random: sameRandom() }),
+    layCard: () => (passport ? new PassportChip(document, { readMode, rndIc: '0011223344556677', kIc: '5A'.repeat(16) })
+      : new IdentityCard({ ...secrets, random: sameRandom() })) };
+}
+
+/** One good read. `slow`: each look at the clock takes this long. */
+async function record({ slow = 0, ...setting }) {
+  let now = 1_700_000_000_000;
+  const { identity, document, serverConfig, layCard } = participants(setting);
+  const server = new DecodeServer(serverConfig());
+  const { host, port } = await server.start();
+  const card = layCard();
+  const reader = new Reader({ library: process.env.TQREADER_LIBRARY ?? DEFAULT_LIBRARY, link: new CardLink(card), clock: () => (now += slow) });
+  const commands = [];
+  reader.on('command', ({ command, serial }) => commands.push({ command, serial }));
+  const { code } = await reader.read({ identity: { ...identity, ip: host, port }, passport: document });
+  await server.stop();
+  const requests = server.exchanges.map(({ request, connection }) => ({ request: hex(request), connection }));
+  return { code, differences: [...server.differences, ...card.differences, ...reader.differences].map(String), commands, requests };
+}
+
+if (process.argv[2] === 'record') {
+  process.once('message', async (settings) => {
+    const reads = [];
+    for (const setting of settings) reads.push(await record(setting));
+    process.send(reads, () => process.disconnect());
+  });
+}
+
+/** Records reads in a process of its own, since the library writes to the standard output. */
+export async function recordReads(settings) {
+  const child = fork(fileURLToPath(import.meta.url), ['record'], { stdio: ['ignore', 'ignore', 'ignore', 'ipc'] });
+  child.send(settings);
+  const [reads] = await once(child, 'message');
+  return reads.map(({ code, differences, commands, requests }, i) => {
+    assert.deepEqual([code, differences], [0, []]);
+    const { layCard, serverConfig } = participants(settings[i]);
+    return { layCard, openSession: () => new Session(completeConfig(serverConfig())),
+      commands: commands.map(({ command, serial }) => ({ command: fromHex(command), serial })),
+      requests: requests.map(({ request, connection }) => ({ request: fromHex(request), connection })) };
+  });
+}
+
+/** What a card has to say against some commands. */
+export function saidOfCommands({ layCard }, commands) {
+  const card = layCard();
+  for (const { command, serial } of commands) card.respond(command, serial);
+  return card.differences.map(({ message }) => message);
+}
+
+/** What a server has to say against some requests; undefined when it answers them all. */
+export function saidOfRequests({ openSession }, requests, session = openSession()) {
+  let last = requests[0]?.connection;
+  for (const { request, connection } of requests) {
+    try {
+      if (connection !== last) session.left(), session.resume('another connection');
+      last = connection;
+      const { command } = session.handle(request);
+      session.answered(command, Buffer.alloc(3), false);
+    } catch (error) {
+      if (error.name !== 'Difference') throw error;
+      return error.message;
+    }
+  }
+  return undefined;
+}
