@@ -32,6 +32,9 @@ const kForged = {
 
 const inWords = (name) => kWords[name] ?? name.replace(/([A-Z0-9]+)/g, ' $1').replace(/^./, (letter) => letter.toUpperCase());
 
+/** Words for the middle of a sentence. */
+const lower = (words) => words.replace(/^[A-Z](?=[a-z ])/, (letter) => letter.toLowerCase());
+
 /** Kinds of passports, as [name, words]. */
 export const PASSPORT_KINDS = [...Object.keys(PERSONAS).map((name) => [name, inWords(name)]),
   ...Object.entries(kForged).map(([name, { words }]) => [name, words])];
@@ -70,17 +73,17 @@ export const CHOICES = {
 
 /**
  * A document as chosen.
- * @returns {{kind: string, title: string, read: object, server: object}} `read` goes to the reader process, `server` are
- *   settings of its decode server. Throws a TypeError for what is not offered.
+ * @returns {{kind: string, title: string, read: object, server: object, usual: object}} `read` goes to the reader process,
+ *   `server` are settings of its decode server, and `usual` has both without the misbehaviour, when there is one. Throws a TypeError for what is not offered.
  */
 export function makeDocument({ document, passportKind = 'usual', misbehaviour = '' }) {
   const wrong = misbehaviour === '' ? {} : MISBEHAVIOURS[document]?.[misbehaviour];
   if (!wrong) throw new TypeError(`there is no ${document} with the misbehaviour ${misbehaviour}`);
-  const also = wrong.words ? `: ${wrong.words.toLowerCase()}` : '';
+  const also = wrong.words ? `: ${lower(wrong.words)}` : '';
   if (document === 'identityCard') {
     const card = new IdentityCard().secrets();
     return { kind: document, title: `Identity card${also}`, read: { card, rules: wrong.rules ?? [] },
-      server: { document, card, rules: wrong.server ?? [] } };
+      server: { document, card, rules: wrong.server ?? [] }, ...(wrong.words && { usual: { read: { card, rules: [] }, server: { document, card } } }) };
   }
   if (document !== 'passport' || !PASSPORT_KINDS.some(([name]) => name === passportKind)) {
     throw new TypeError(`there is no document ${document} ${passportKind}`);
@@ -89,8 +92,10 @@ export function makeDocument({ document, passportKind = 'usual', misbehaviour = 
   const passport = issuePassport(forged ? {} : { persona: passportKind });
   forged?.change(passport);
   const { documentNumber, birthDate, expiryDate } = passport;
-  const unusual = passportKind === 'usual' ? '' : ` (${(forged?.words ?? inWords(passportKind)).replace(/^[A-Z](?=[a-z])/, (letter) => letter.toLowerCase())})`;
+  const unusual = passportKind === 'usual' ? '' : ` (${lower(forged?.words ?? inWords(passportKind))})`;
+  const read = { passport: packPassport(passport), printed: { documentNumber, birthDate, expiryDate }, rules: [] };
+  const server = { document, passport: forged ? undefined : expectedPassport(passport) };
   return { kind: document, title: `Passport${unusual}${also}`,
-    read: { passport: packPassport(passport), printed: { documentNumber, birthDate, expiryDate, ...wrong.printed }, rules: wrong.rules ?? [] },
-    server: { document, passport: forged ? undefined : expectedPassport(passport), rules: wrong.server ?? [] } };
+    read: { ...read, printed: { ...read.printed, ...wrong.printed }, rules: wrong.rules ?? [] },
+    server: { ...server, rules: wrong.server ?? [] }, ...(wrong.words && { usual: { read, server } }) };
 }

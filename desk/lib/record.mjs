@@ -35,8 +35,8 @@ export class Record extends EventEmitter {
    */
   constructor({ id, kind, source, title, printed, key, trust, choice }) {
     super();
-    Object.assign(this, { id, kind, source, title, choice, state: 'running', began: Date.now(), ms: 0, steps: [], files: [],
-      differences: [], result: null, monitor: null, device: '', judged: null, info: null, connections: [], server: [] });
+    Object.assign(this, { id, kind, source, title, choice, state: 'running', began: Date.now(), ms: 0, steps: [], files: [], before: null, twin: null,
+      differences: [], result: null, monitor: null, device: '', judged: null, info: null, content: null });
     this.#printed = printed;
     this.#key = key;
     this.#trust = trust;
@@ -87,10 +87,10 @@ export class Record extends EventEmitter {
     const bytes = fromHex(answer);
     const kept = this.#chip[place];
     kept.answer = bytes;
-    const { status, words, file } = this.#listener.answer(bytes);
+    const { status, words, wrong, file } = this.#listener.answer(bytes);
     const known = status === '' || status === kGood;
     const note = genuine === undefined ? undefined : `The document itself answered ${shortened(genuine)}.`;
-    this.#put({ ...this.steps[kept.n], ms: round(ms), good: !error && known, status, words: error ?? words, received: bytes.length, note });
+    this.#put({ ...this.steps[kept.n], ms: round(ms), good: !error && known && !wrong, status, words: error ?? words, received: bytes.length, note });
     if (file) this.#fileCame(file);
   }
 
@@ -158,6 +158,7 @@ export class Record extends EventEmitter {
     this.result = outcome;
     if (outcome?.info) this.info = outcome.info;
     this.ms = Math.max(0, at - this.began);
+    if (this.before) this.#later(this.before(this));
     await Promise.all(this.#reports);
     this.state = outcome.code === null || outcome.code === undefined ? 'failed' : outcome.name === 'CANCELLED' ? 'cancelled' : outcome.code === 0 ? 'good' : 'failed';
     this.emit('summary');

@@ -78,7 +78,7 @@ export class PassportListener {
 
   /**
    * The answer to it.
-   * @returns {{status: string, words: string, fields: object[], file: object|null}} file: the one that is being read, with
+   * @returns {{status: string, words: string, wrong: boolean, fields: object[], file: object|null}} wrong: it cannot be trusted; file: the one that is being read, with
    *   the bytes that have come and, when it is known, how many there are
    */
   answer(bytes) {
@@ -88,11 +88,13 @@ export class PassportListener {
     const body = bytes.subarray(0, -2);
     let fields = body.length > 0 ? [field('Data', body)] : [];
     let data = body;
-    if (isProtected && body.length > 0) ({ fields, data } = this.#openAnswer(body));
+    let wrong = '';
+    if (isProtected && body.length > 0) ({ fields, data, wrong } = this.#openAnswer(body));
     else if (name === 'GET CHALLENGE') this.#challenge = Buffer.from(body.subarray(0, 8));
     else if (name === 'EXTERNAL AUTHENTICATE' && body.length >= 32) fields = this.#agreeOnKeys(apdu, body);
     this.#followFile(name, plain, data, status);
-    return { status, words: bytes.length === 0 ? 'no answer' : statusWords(status), fields: [...fields, end], file: this.#file && { ...this.#file } };
+    return { status, words: bytes.length === 0 ? 'no answer' : wrong || statusWords(status), wrong: wrong !== '', fields: [...fields, end],
+      file: this.#file && { ...this.#file } };
   }
 
   #remember(current) {
@@ -211,10 +213,12 @@ export class PassportListener {
 
   #openAnswer(body) {
     const objects = attempt(() => readElements(body), null);
-    if (!objects) return { fields: [field('Data', body, 'no data objects')], data: kNothing };
+    if (!objects) return { fields: [field('Data', body, 'no data objects')], data: kNothing, wrong: 'its data objects are malformed' };
     const wanted = this.#next(Buffer.concat(objects.filter(({ tag }) => tag !== 0x8e).map(({ bytes }) => bytes)));
     const sealed = objects.find(({ tag }) => tag === 0x87 || tag === 0x85);
-    return { fields: this.#objectFields(objects, wanted, ''), data: (sealed && this.#plainOf(sealed)) ?? kNothing };
+    const mac = objects.find(({ tag }) => tag === 0x8e)?.value;
+    const wrong = !mac ? 'it has no MAC' : wanted && !wanted.equals(mac) ? 'its MAC is wrong' : '';
+    return { fields: this.#objectFields(objects, wanted, ''), data: (sealed && this.#plainOf(sealed)) ?? kNothing, wrong };
   }
 
   // --- files ---
