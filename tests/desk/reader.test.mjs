@@ -8,12 +8,14 @@ import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { after, test } from 'node:test';
 import { fileURLToPath } from 'node:url';
+import { Desk } from '../../desk/lib/desk.mjs';
 import { PcscCard, ReaderWatch } from '../../desk/lib/pcsc.mjs';
+import { loadKeys } from '../../simulator/lib/keys.mjs';
 import { PassportChip } from '../../simulator/lib/passport/chip.mjs';
 import { issuePassport } from '../../simulator/lib/passport/specimen.mjs';
 import { VirtualCard, startService, until } from './virtual-reader.mjs';
 
-const kProgram = fileURLToPath(new URL('../../desk/bin/read-passport.mjs', import.meta.url));
+const pathOf = (name) => fileURLToPath(new URL(`../../${name}`, import.meta.url));
 const kPrinted = ['--number', 'SPEC01234', '--birth', '900101', '--expiry', '341231'];
 const kFolder = mkdtempSync(join(tmpdir(), 'desk-'));
 const passport = issuePassport();
@@ -24,7 +26,7 @@ after(async () => {
 });
 
 async function readPassport(...args) {
-  const program = spawn(process.execPath, [kProgram, ...args], { stdio: ['ignore', 'pipe', 'pipe'] });
+  const program = spawn(process.execPath, [pathOf('desk/bin/read-passport.mjs'), ...args], { stdio: ['ignore', 'pipe', 'pipe'] });
   let told = '';
   for (const stream of [program.stdout, program.stderr]) stream.on('data', (text) => { told += text; });
   const [code] = await once(program, 'close');
@@ -83,6 +85,17 @@ test('with the service', async (t) => {
     assert.deepEqual(readFileSync(join(kFolder, 'DG2.bin')), passport.files.get(0x0102));
     assert.ok(existsSync(join(kFolder, 'portrait.jpeg')));
   });
+
+  await t.test('the desk reads it as well', () => withPassport(async () => {
+    const desk = new Desk({ library: pathOf('build/host/libtqreader.so'), keys: loadKeys(pathOf('keys/development_keys.h')).decode,
+      env: 268, decodeHost: '127.0.0.1', decodePort: 0 });
+    await desk.open();
+    await until(() => desk.state().readers.list.some(({ state }) => state === 'card'), 'the desk sees the card');
+    const { id } = desk.start({ document: 'reader', number: 'SPEC01234', birth: '900101', expiry: '341231' });
+    await until(() => !desk.store.get(id).running, 'the read is over');
+    assert.equal(desk.store.get(id).judged.holder.surname, 'SPECIMEN');
+    await desk.close();
+  }));
 
   await t.test('a reader in use', () => withPassport(async () => {
     const watch = new ReaderWatch();
