@@ -172,8 +172,9 @@ Block subkey(const Block& block) {
 }  // namespace
 
 // Section 5.2.
-Aes::Aes(std::span<const uint8_t> key) : num_rounds_(key.size() / kColumnLen + 6) {
-  const size_t key_columns = key.size() / kColumnLen;
+Aes::Aes(std::span<const uint8_t> key) {
+  const size_t key_columns = key.size() == 32 ? 8 : key.size() == 24 ? 6 : 4;
+  num_rounds_ = key_columns + 6;
   std::array<uint32_t, 4 * (kMaxNumRounds + 1)> columns{};
   const WipeOnExit wipe_columns(columns);
   for (size_t i = 0; i < 4 * (num_rounds_ + 1); ++i) {

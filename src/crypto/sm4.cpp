@@ -22,8 +22,6 @@ using Block = tq::WordBlock;
 using Lanes = std::array<Block, kLanes>;
 using RoundKeys = uint32_t[kNumRounds];
 
-using tq::operator^;
-
 // GB/T 32907 section 6.2: T(x) = L(S(x)).
 [[gnu::always_inline]] inline uint32_t t(uint32_t x) {
   using tq::sm4::kRoundTables;
@@ -96,7 +94,7 @@ uint32_t key_function(uint32_t x) {
 extern "C" {
 
 void TQ_sm4_setkey_enc(TQ_SM4_CTX* ctx, const uint8_t key[16]) {
-  Block k = tq::load_words(key) ^ tq::sm4::kFk;
+  Block k = tq::operator^(tq::load_words(key), tq::sm4::kFk);
   const tq::WipeOnExit wipe_k(k);
   for (size_t i = 0; i < kNumRounds; ++i) {
     k[i % 4] ^= key_function(k[(i + 1) % 4] ^ k[(i + 2) % 4] ^ k[(i + 3) % 4] ^ tq::sm4::kCk[i]);

@@ -12,8 +12,11 @@
 #include <random>
 #include <vector>
 
+#include "crypto/aes.hpp"
 #include "crypto/aes128.hpp"
 #include "crypto/rsa.hpp"
+#include "passport/pace.hpp"
+#include "passport/secure_channel.hpp"
 #include "tls/record_mac.hpp"
 #include "tls/record_protection.hpp"
 
@@ -45,6 +48,11 @@ Bytes random_bytes(size_t n) {
   Bytes bytes(n);
   for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(generator());
   return bytes;
+}
+
+Bytes operator+(Bytes left, const Bytes& right) {
+  left.insert(left.end(), right.begin(), right.end());
+  return left;
 }
 
 Bytes hidden(Bytes bytes) {
@@ -138,6 +146,83 @@ unsigned check_rsa() {
   return 0;
 }
 
+// Password and private keys are hidden, and with them all that comes of them. The chip's keys are points of
+// the curve, its token is a wrong one. Of our public keys and of the secret point Pace asks whether they can
+// be written down, of the chip's keys whether they are ours, of the token whether it is right. (3DES looks
+// things up.)
+unsigned check_pace() {
+  constexpr unsigned decisions = 3 + 2 + 1;
+  unsigned num_permitted = 0;
+  for (const uint8_t domain : Bytes{10, 11, 12, 13, 14, 15, 16, 17, 18}) {
+    const auto cipher = static_cast<uint8_t>(2 + domain % 3);
+    const auto offer =
+        tq::strongest_pace(Bytes{0x31, 0x14, 0x30, 0x12, 0x06,   0x0A, 0x04, 0x00, 0x7F, 0x00, 0x07,
+                                 0x02, 0x02, 0x04, 0x02, cipher, 0x02, 0x01, 0x02, 0x02, 0x01, domain});
+    const tq::Curve curve(*offer->curve);
+    const auto answer = [&curve](uint8_t tag) {
+      const auto len = static_cast<uint8_t>(curve.point_len());
+      Bytes object = {0x7C, 0x81, static_cast<uint8_t>(len + 3), tag, 0x81, len};
+      object.resize(object.size() + len);
+      static_cast<void>(curve.encode(curve.generator(), std::span(object).last(len)));
+      return object;
+    };
+    const Bytes nonce = Bytes{0x7C, 0x12, 0x80, 0x10} + random_bytes(16);
+    const Bytes token = Bytes{0x7C, 0x0A, 0x86, 0x08} + random_bytes(8);
+    const Bytes password = hidden(random_bytes(tq::Pace::kPasswordLen));
+    const auto random = [] { return hidden(random_bytes(tq::Pace::kRandomLen)); };
+    const auto as_random = [](const Bytes& bytes) { return std::span(bytes).first<tq::Pace::kRandomLen>(); };
+    const Bytes first = random();
+    const Bytes second = random();
+    tq::Pace pace(*offer, std::span(password).first<tq::Pace::kPasswordLen>());
+    const auto before = VALGRIND_COUNT_ERRORS;
+    pace.begin();
+    pace.take_acceptance({});
+    pace.take_nonce(nonce, as_random(first));
+    pace.take_mapping_key(answer(0x82), as_random(second));
+    pace.take_public_key(answer(0x84));
+    require(revealed(pace.take_token(token)) == tq::Pace::Result::kWrongKey, "Pace is wrong");
+    require(VALGRIND_COUNT_ERRORS - before == decisions, "not the decisions that Pace has to take");
+    num_permitted += decisions;
+  }
+  return num_permitted;
+}
+
+unsigned check_aes() {
+  for (const size_t key_len : {16, 24, 32}) {
+    const tq::Aes aes(hidden(random_bytes(key_len)));
+    std::array<uint8_t, 16> iv{};
+    Bytes data = hidden(random_bytes(100));
+    tq::aes_cbc_encrypt(aes, iv, data, data);
+    tq::aes_cbc_decrypt(aes, iv, data, data);
+    tq::Cmac cmac(aes);
+    cmac.update(data);
+    cmac.finish(iv);
+  }
+  return 0;
+}
+
+// Of an answer, only whether its MAC holds.
+unsigned check_secure_messaging() {
+  unsigned num_permitted = 0;
+  for (const tq::CipherSuite suite :
+       {tq::CipherSuite::kAes128, tq::CipherSuite::kAes192, tq::CipherSuite::kAes256}) {
+    tq::SessionKeys keys;
+    keys.suite = suite;
+    std::copy_n(hidden(random_bytes(32)).begin(), 32, keys.enc.data());
+    std::copy_n(hidden(random_bytes(32)).begin(), 32, keys.mac.data());
+    tq::SecureChannel channel(keys, Bytes(16));
+    const Bytes challenge = hidden(random_bytes(8));
+    Bytes out(128);
+    size_t len = 0;
+    require(channel.protect({{0x00, 0x88, 0x00, 0x00}, challenge, uint8_t{0}}, out, len), "protect is wrong");
+    const Bytes answer = Bytes{0x87, 0x11, 0x01} + hidden(random_bytes(16)) +
+                         Bytes{0x99, 0x02, 0x90, 0x00, 0x8E, 8} + random_bytes(8);
+    require(revealed(channel.open(answer, out, len)) == tq::Opened::kNotAuthentic, "open is wrong");
+    ++num_permitted;
+  }
+  return num_permitted;
+}
+
 // --- what must be found ---
 
 volatile size_t g_sink;
@@ -158,7 +243,7 @@ unsigned planted_index() {
   return 0;
 }
 
-// The library's own AES, whose tables are looked up by its data.
+// The library's own AES of connections, whose tables are looked up by its data.
 unsigned planted_tables() {
   const Bytes key = random_bytes(16);
   const tq::Aes128 aes(std::span<const uint8_t, 16>(key.data(), 16));
@@ -168,15 +253,34 @@ unsigned planted_tables() {
   return 0;
 }
 
+// A scalar that is added only where it has a bit.
+unsigned planted_scalar() {
+  const tq::Curve curve(tq::curves::kP224);
+  tq::Curve::Point sum = curve.generator();
+  tq::Scalar scalar{};
+  curve.reduce(hidden(random_bytes(28)), scalar);
+  for (size_t i = 0; i < 8; ++i) {
+    curve.add(sum, sum, sum);
+    if ((scalar[0] >> i & 1) != 0) curve.add(sum, curve.generator(), sum);
+  }
+  return 0;
+}
+
 struct Case {
   const char* name;
   unsigned (*run)();
   bool leaks;
 };
 constexpr Case kCases[] = {
-    {"records of every suite", check_records, false}, {"RSA, in its message", check_rsa, false},
-    {"planted: a branch", planted_branch, true},      {"planted: an index", planted_index, true},
+    {"records of every suite", check_records, false},
+    {"RSA, in its message", check_rsa, false},
+    {"PACE on every curve", check_pace, false},
+    {"AES and CMAC", check_aes, false},
+    {"secure messaging with AES", check_secure_messaging, false},
+    {"planted: a branch", planted_branch, true},
+    {"planted: an index", planted_index, true},
     {"planted: AES tables", planted_tables, true},
+    {"planted: bits of a scalar", planted_scalar, true},
 };
 
 }  // namespace
