@@ -1,177 +1,179 @@
-/* Loads the phone's libtqreader.so the way the phone does, on the phone's C library: module_host LIBRARY
-   Of the JavaScript engine it has only the function that modules register with; the stub libraries beside it
-   have the other names. What the library does without JavaScript is then tried: text, digests, and reads on
-   worker threads. */
-
+/* Loads libtqreader.so the way the phone does, into an engine of its own: module_host LIBRARY [scan]
+   Tried are a read on worker threads and the ends of environments, with calls queued and reads under way.
+   With `scan`, and no tool that has a heap of its own, what they leave on the heap is looked at. */
 #include <arpa/inet.h>
 #include <dlfcn.h>
-#include <napi/native_api.h>
-#include <pthread.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/socket.h>
-#include <time.h>
 #include <unistd.h>
 
+#include "../../tools/ohos/engine.h"
 #include "tqreader.h"
 
-enum { kPatience = 30 /* seconds that the results of reads may take */ };
+enum { kPatienceMs = 30000 };
+static const char kSecret[] = "ATAD-LANOSREP"; /* written backwards, so that it stands nowhere else */
 
-static int g_num_registered;
-static napi_module* g_module;
-
-void napi_module_register(napi_module* module) {
-  ++g_num_registered;
-  g_module = module;
-}
-
-static void expect(int holds, const char* what) {
-  if (holds) return;
-  fprintf(stderr, "module_host: failed: %s\n", what);
-  exit(1);
-}
-
-static void* symbol(void* library, const char* name) {
-  void* address = dlsym(library, name);
-  expect(address != NULL, name);
-  return address;
-}
-
-/* --- a read, from its start to its result
- * --------------------------------------------------------------------------- */
-
-static pthread_mutex_t g_mutex = PTHREAD_MUTEX_INITIALIZER;
-static pthread_cond_t g_changed = PTHREAD_COND_INITIALIZER;
-static int g_num_results;
+static int g_num_calls, g_num_results, g_scans;
 static int32_t g_code;
 
-static int32_t card(const uint8_t* apdu, uint32_t length, uint8_t serial, void* data) {
-  (void)apdu, (void)length, (void)serial, (void)data;
-  expect(0, "no command goes to the card before the server has answered");
-  return -1;
+static double on_call(const char* text) {
+  (void)text;
+  ++g_num_calls;
+  return 1.7e12;
 }
-
-static int32_t monitor(const monitor_param* param, char* out, uint32_t size) {
-  (void)param;
-  expect(size > 2, "room for a monitor text");
-  memcpy(out, "{}", 2);
-  return 2;
-}
-
-static int64_t now(void) {
-  return (int64_t)time(NULL) * 1000;
-}
-
-static void (*g_free)(void* block);
-
-static void result(info_data* info) {
-  pthread_mutex_lock(&g_mutex);
+static double on_result(const char* text) {
   ++g_num_results;
-  g_code = info->code;
-  pthread_cond_signal(&g_changed);
-  pthread_mutex_unlock(&g_mutex);
-  g_free(info->data);
+  g_code = atoi(strstr(text, "\"code\":") + 7);
+  return on_call(text);
 }
 
-/* A port of this machine where nobody listens: it was free a moment ago. */
-static int silent_port(void) {
+#define WAIT_UNTIL(condition) \
+  for (int ms = 0; !(condition); ++ms) expect(ms < kPatienceMs, #condition), usleep(1000)
+
+/* A server that takes connections and is silent; its port, or one where nobody listens. */
+static int port_of_server(int listens) {
   struct sockaddr_in address = {.sin_family = AF_INET, .sin_addr.s_addr = htonl(INADDR_LOOPBACK)};
   socklen_t size = sizeof address;
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
   expect(bind(fd, (struct sockaddr*)&address, size) == 0, "bind");
+  expect(!listens || listen(fd, 100) == 0, "listen");
   expect(getsockname(fd, (struct sockaddr*)&address, &size) == 0, "getsockname");
-  close(fd);
+  if (!listens) close(fd);
   return ntohs(address.sin_port);
 }
 
-static int32_t wait_for_result(void) {
-  struct timespec limit;
-  clock_gettime(CLOCK_REALTIME, &limit);
-  limit.tv_sec += kPatience;
-  pthread_mutex_lock(&g_mutex);
-  while (g_num_results == 0) {
-    expect(pthread_cond_timedwait(&g_changed, &g_mutex, &limit) == 0, "a result in time");
+static napi_env open_environment(int port) {
+  napi_env env = begin_environment();
+  expect(call(env, "getIdInfo", "") == TQ_MISSING_CALL, "no read before the configuration");
+  expect(call(env, "initSdk", "siiissisiis", "SPECIMEN0SPECIMEN000", 0, 1, 268, "", "x.y", 1, "127.0.0.1",
+              port, 0, "SN") == TQ_OK,
+         "initSdk");
+  const char* names[] = {"registerCardCallback", "registerMonitorCallback", "registerTimestampCallback"};
+  for (int i = 0; i < 3; ++i) expect(call(env, names[i], "f", on_call) == TQ_OK, names[i]);
+  expect(call(env, "registerResultCallback", "f", on_result) == TQ_OK, "registerResultCallback");
+  return env;
+}
+
+/* Is the secret anywhere on the heap? */
+static int secret_is_left(void) {
+  char line[512];
+  int found = 0;
+  FILE* maps = fopen("/proc/self/maps", "r");
+  while (fgets(line, sizeof line, maps) != NULL) {
+    unsigned long from = 0, to = 0;
+    char rights[8];
+    expect(sscanf(line, "%lx-%lx %7s", &from, &to, rights) == 3, "a row of maps");
+    if (strncmp(rights, "rw", 2) != 0 || strstr(line, "[heap]") == NULL) continue;
+    for (const char* at = (const char*)from; at + sizeof kSecret < (const char*)to; ++at) {
+      size_t same = 0;
+      while (same < sizeof kSecret - 1 && at[same] == kSecret[sizeof kSecret - 2 - same]) ++same;
+      found |= same == sizeof kSecret - 1;
+    }
   }
-  pthread_mutex_unlock(&g_mutex);
-  return g_code;
+  fclose(maps);
+  return found;
 }
 
-/* The first read is superseded by the second, which cannot reach its server: one result, of the second. */
-static void try_reads(void* library) {
-  __typeof__(&share_init) init = symbol(library, "share_init");
-  __typeof__(&id_card_decode) decode = symbol(library, "id_card_decode");
-  __typeof__(&share_register_card_callback) set_card = symbol(library, "share_register_card_callback");
-  __typeof__(&share_register_monitor_callback) set_monitor =
-      symbol(library, "share_register_monitor_callback");
-  __typeof__(&share_register_timestamp_callback) set_time =
-      symbol(library, "share_register_timestamp_callback");
-  __typeof__(&share_register_result_callback) set_result = symbol(library, "share_register_result_callback");
-  g_free = (void (*)(void*))symbol(library, "tq_mem_free");
+static __typeof__(&cardCallback) g_card;
+static __typeof__(&shareMonitorDataCallback) g_monitor;
+static __typeof__(&shareResultCallback) g_result;
+static __typeof__(&tq_mem_malloc) g_malloc;
 
-  static SessionConfig cfg;
-  static const uint8_t kStickCardId[TQ_STICK_CARD_ID_LENGTH];
-  expect(decode(&cfg, kStickCardId) < 0, "no read without a configuration");
-  expect(init(&cfg, "tooshort", 255, 0, 1, 0, 0, TQ_ENVIRONMENT_A, "SN", "", "", "com.example", 1,
-              "127.0.0.1", 1) == TQ_BAD_APPID,
-         "a short appid is refused");
-  expect(init(&cfg, "APPID678901234567890", 255, 0, 1, 0, 0, TQ_ENVIRONMENT_A, "SN", "", "", "com.example", 1,
-              "127.0.0.1", silent_port()) == TQ_OK,
-         "share_init");
-  expect(set_card(&cfg, card, NULL) == TQ_OK && set_monitor(&cfg, monitor) == TQ_OK &&
-             set_time(&cfg, now) == TQ_OK && set_result(&cfg, result) == TQ_OK,
-         "registrations");
-  expect(decode(&cfg, kStickCardId) == TQ_OK, "a read starts");
-  usleep(100 * 1000);
-  expect(decode(&cfg, kStickCardId) == TQ_OK, "another read starts");
-  expect(wait_for_result() == TQ_CONNECT_FAILED, "the result tells that the server could not be reached");
-  usleep(100 * 1000);
-  expect(g_num_results == 1, "the superseded read is silent");
+static void* ask(void* unused) {
+  const monitor_param record = {
+      .reqid = "1", .nfc_err_cmd = "", .device_id = "SN", .appid = "", .sod_file = ""};
+  char answer[100];
+  expect(g_monitor(&record, answer, sizeof answer) == 0, "no answer");
+  return unused;
 }
 
-/* --- what needs no thread
- * ------------------------------------------------------------------------------------------- */
+/* The newest environment ends with four calls that wait for it, of which one is waited for. */
+static void end_with_calls(napi_env env, ending how) {
+  info_data result = {
+      .code = -1, .flag = TQ_RESULT_TEXT, .length = sizeof kSecret, .data = g_malloc(sizeof kSecret)};
+  for (size_t i = 0; i < sizeof kSecret; ++i) {
+    result.data[i] = i + 1 < sizeof kSecret ? (uint8_t)kSecret[sizeof kSecret - 2 - i] : 0;
+  }
+  expect(!g_scans || secret_is_left(), "a secret on the heap is found");
+  pthread_t thread;
+  expect(g_card(result.data, 4, 1, NULL) == 0 && g_card(result.data, 4, 2, NULL) == 0, "commands are taken");
+  g_result(&result);
+  expect(pthread_create(&thread, NULL, ask, NULL) == 0, "a thread");
+  WAIT_UNTIL(num_queued(env) == 4);
+  end_environment(env, how);
+  pthread_join(thread, NULL);
+  expect(!g_scans || !secret_is_left(), "nothing personal is left");
+}
 
-static void try_routines(void* library) {
-  /* GB/T 32905, appendix A, example 1. */
-  static const uint8_t kDigest[32] = {0x66, 0xc7, 0xf0, 0xf4, 0x62, 0xee, 0xed, 0xd9, 0xd1, 0xf2, 0xd4,
-                                      0x6b, 0xdc, 0x10, 0xe4, 0xe2, 0x41, 0x67, 0xc4, 0x87, 0x5c, 0xf2,
-                                      0xf7, 0xa2, 0x29, 0x7d, 0xa0, 0x2b, 0x8f, 0x4b, 0xa8, 0xe0};
-  /* GB/T 32907, appendix A, example 2: a million encryptions in a row, with the plaintext as the key. */
-  static const uint8_t kBlock[16] = {0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0xef,
-                                     0xfe, 0xdc, 0xba, 0x98, 0x76, 0x54, 0x32, 0x10};
-  static const uint8_t kMillion[16] = {0x59, 0x52, 0x98, 0xc7, 0xc6, 0xfd, 0x27, 0x1f,
-                                       0x04, 0x02, 0xf8, 0x04, 0xc3, 0x3d, 0x3f, 0x66};
-  __typeof__(&TQ_sm3) sm3 = symbol(library, "TQ_sm3");
-  __typeof__(&TQ_sm4_setkey_enc) set_key = symbol(library, "TQ_sm4_setkey_enc");
-  __typeof__(&TQ_sm4_crypt_ecb) encrypt = symbol(library, "TQ_sm4_crypt_ecb");
-  __typeof__(&share_getVersion) version = symbol(library, "share_getVersion");
-
-  uint8_t digest[32];
-  sm3((const uint8_t*)"abc", 3, digest);
-  expect(memcmp(digest, kDigest, sizeof digest) == 0, "SM3 of abc");
-
-  TQ_SM4_CTX key;
-  uint8_t block[16];
-  memcpy(block, kBlock, sizeof block);
-  set_key(&key, kBlock);
-  for (int i = 0; i < 1000000; ++i) encrypt(&key, 1, sizeof block, block, block);
-  expect(memcmp(block, kMillion, sizeof block) == 0, "SM4, a million times");
-  expect(strlen(version()) > 0, "a version");
+static int num_threads(void) {
+  int count = 0;
+  char line[128];
+  FILE* status = fopen("/proc/self/status", "r");
+  while (fgets(line, sizeof line, status) != NULL) sscanf(line, "Threads: %d", &count);
+  fclose(status);
+  return count;
 }
 
 int main(int argc, char** argv) {
-  expect(argc == 2, "usage: module_host LIBRARY");
+  expect(argc == 2 || argc == 3, "usage: module_host LIBRARY [scan]");
+  g_scans = argc == 3;
   void* library = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
   expect(library != NULL, library == NULL ? dlerror() : "");
-  expect(g_num_registered == 1, "one module is registered");
-  expect(strcmp(g_module->nm_modname, "tqreader") == 0, "its name is tqreader");
-  expect(g_module->nm_version == 1 && g_module->nm_register_func != NULL, "it can be initialised");
-  expect(dlopen(argv[1], RTLD_NOW) == library && g_num_registered == 1,
-         "loaded again, it does not register again");
+  expect(g_module != NULL && strcmp(g_module->nm_modname, "tqreader") == 0 && g_module->nm_version == 1,
+         "the module tqreader has registered");
+  expect(dlopen(argv[1], RTLD_NOW) == library, "loaded again, it is the same");
+  g_card = (__typeof__(g_card))dlsym(library, "cardCallback");
+  g_monitor = (__typeof__(g_monitor))dlsym(library, "shareMonitorDataCallback");
+  g_result = (__typeof__(g_result))dlsym(library, "shareResultCallback");
+  g_malloc = (__typeof__(g_malloc))dlsym(library, "tq_mem_malloc");
+  const int num_before = num_threads();
 
-  try_routines(library);
-  try_reads(library);
-  printf("loaded, registered \"%s\" (%s), two reads: passed\n", g_module->nm_modname, argv[1]);
+  /* The second read takes over from the first: one result. */
+  napi_env env = open_environment(port_of_server(0));
+  expect(call(env, "getIdInfo", "") == TQ_OK && call(env, "getIdInfo", "") == TQ_OK, "reads start");
+  WAIT_UNTIL((run_loop(env), g_num_results > 0));
+  expect(g_code == TQ_CONNECT_FAILED && g_num_results == 1, "one result: the server cannot be reached");
+  end_environment(env, kHooksThenCalls);
+
+  /* Calls from outside a read go to the newest environment that has the function; cancels to one's own read.
+   */
+  const int port = port_of_server(1);
+  napi_env first = open_environment(port), second = open_environment(port), third = begin_environment();
+  expect(g_card((const uint8_t*)"", 0, 1, NULL) == 0 && num_queued(second) == 1,
+         "the second environment is asked");
+  end_environment(second, kHooksThenCalls);
+  expect(g_card((const uint8_t*)"", 0, 1, NULL) == 0 && num_queued(first) == 1, "and then the first");
+  expect(call(first, "getIdInfo", "") == TQ_OK, "a read starts");
+  WAIT_UNTIL((run_loop(first), g_num_calls > 5));
+  call(third, "cancelCard", "i", 0);
+  usleep(100 * 1000);
+  expect(num_threads() > num_before && num_queued(first) == 0,
+         "another environment's cancel leaves a read alone");
+  call(first, "cancelCard", "i", 0);
+  WAIT_UNTIL((run_loop(first), g_num_results == 2));
+  expect(g_code == TQ_EXCHANGE_FAILED, "its own cancel ends it");
+  end_environment(third, kHooksThenCalls);
+  end_environment(first, kHooksThenCalls);
+
+  for (int i = 0; i < 3 * kNumEndings; ++i) {
+    WAIT_UNTIL(num_threads() == num_before);
+    env = open_environment(port);
+    const int num_calls = g_num_calls;
+    end_with_calls(env, (ending)(i % kNumEndings));
+    expect(g_num_calls == num_calls, "no function of JavaScript is called at the end");
+
+    /* With a read that has asked for the time, that waits for the server, that has just ended. */
+    env = open_environment(port);
+    expect(call(env, "getIdInfo", "") == TQ_OK, "a read starts");
+    WAIT_UNTIL(num_queued(env) > 0);
+    if (i / kNumEndings > 0) WAIT_UNTIL((run_loop(env), g_num_calls > num_calls + 1));
+    if (i / kNumEndings > 1) {
+      call(env, "cancelCard", "i", 0);
+      WAIT_UNTIL(num_threads() == num_before);
+    }
+    end_environment(env, (ending)(i % kNumEndings));
+  }
+  WAIT_UNTIL(num_threads() == num_before);
+  expect(g_num_results == 2, "reads whose environment has ended are silent");
+  printf("loaded (%s), environments ended in %d ways: passed\n", argv[1], kNumEndings);
   return 0;
 }
