@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <iterator>
 
+#include "core/result_code.hpp"
 #include "core/session/card_relay.h"
 #include "idcard/id_card_commands.h"
 #include "protocol/card_auth.h"
-#include "protocol/monitor_report.h"
-#include "protocol/result_report.h"
-#include "protocol/server_authentication.h"
-#include "protocol/session_values.hpp"
+#include "protocol/card_auth.hpp"
+#include "protocol/data_decode.hpp"
+#include "protocol/result_report.hpp"
 #include "protocol/tcp_transport.h"
 
 namespace tq {
@@ -57,31 +57,13 @@ const IdCardRead::Handler IdCardRead::kHandlers[] = {
     &IdCardRead::on_file_6013_data,         // READ 6013
 };
 
-IdCardRead::IdCardRead(ReadSession& session) : CardRead(session) {}
-
 IdCardRead::~IdCardRead() {
-  release_business_id(cfg_);
   wipe(&card_, sizeof card_);
   wipe(challenge_prefix_);
 }
 
-void IdCardRead::run() {
-  begin();
-  if (session_.cancelled()) return;
-  const int32_t rc = server_authentication(&cfg_, work_key_.data(), &delay_, 0, cfg_.stickCardId);
-  if (rc < 0) {
-    deliver_result(rc);
-    return;
-  }
-  timing_ = {};
-  session_.accept_answers();
+void IdCardRead::send_first_command() {
   id_card_find_card(&cfg_, kReqb);
-  const Outcome outcome = relay_answers();
-  if (session_.cancelled()) {
-    tq_socket_close();
-  } else if (!outcome.silent()) {
-    report(outcome.code());
-  }
 }
 
 Outcome IdCardRead::handle_answer() {
@@ -89,15 +71,6 @@ Outcome IdCardRead::handle_answer() {
   log_answer();
   if (answer_.serial >= std::size(kHandlers)) return Outcome::end_with(TQ_OUT_OF_RANGE);
   return (this->*kHandlers[answer_.serial])();
-}
-
-void IdCardRead::report(int32_t final_result) {
-  monitor_data_parse(&cfg_, work_key_.data(), start_time_, final_result, delay_, "", 0, nullptr,
-                     cfg_.stickCardId);
-  if (final_result < 0) result_business_id_parse(&cfg_, &result_);
-  release_business_id(cfg_);
-  tq_socket_close();
-  deliver_result(final_result);
 }
 
 // --- the steps ---
@@ -108,7 +81,7 @@ Outcome IdCardRead::on_reqb() {
 }
 
 Outcome IdCardRead::on_attrib() {
-  start_timing();
+  stopwatch_.start();
   id_card_find_card(&cfg_, kSelectApplication);
   return Outcome::go_on();
 }
@@ -120,7 +93,7 @@ Outcome IdCardRead::on_application_selected() {
 }
 
 Outcome IdCardRead::on_management_data() {
-  return Outcome::unless_failed(relayStep(kCardAuth1, kInternalAuthenticate));
+  return Outcome::unless_failed(relay_step(kCardAuth1, kInternalAuthenticate));
 }
 
 // When card and server answer fast enough, the next answer of the card is fetched first and both go to the
@@ -131,7 +104,7 @@ Outcome IdCardRead::on_internal_authenticate() {
   const auto budget =
       static_cast<int64_t>(static_cast<uint64_t>(server_round_trip_) + 2 * static_cast<uint64_t>(turnaround));
   fast_path_ = budget <= kFastPathBudgetMs;
-  if (!fast_path_) return Outcome::unless_failed(relayStep(kCardAuth2, kChallenge));
+  if (!fast_path_) return Outcome::unless_failed(relay_step(kCardAuth2, kChallenge));
 
   uint8_t data[kAnswerRoom] = {};
   if (int32_t rc = check_answer(data); rc < 0) return Outcome::end_with(rc);
@@ -140,22 +113,21 @@ Outcome IdCardRead::on_internal_authenticate() {
   challenge_prefix_[kChallengeLength] = 0x90;
   challenge_prefix_[kChallengeLength + 1] = 0x00;
   wipe(data);
-  start_timing();
+  stopwatch_.start();
   return Outcome::unless_failed(id_card_auth_get_rand(&cfg_, kChallenge));
 }
 
 Outcome IdCardRead::on_challenge() {
-  return Outcome::unless_failed(relayStep(fast_path_ ? kCardAuth2And3 : kCardAuth3, kExternalAuthenticate));
+  return Outcome::unless_failed(relay_step(fast_path_ ? kCardAuth2And3 : kCardAuth3, kExternalAuthenticate));
 }
 
 Outcome IdCardRead::on_external_authenticate() {
   uint8_t data[kAnswerRoom];
   if (int32_t rc = check_answer(data); rc < 0) return Outcome::end_with(rc);
-  if (timing_wanted()) {
-    count_card_time();
+  count_card_time();
+  if (stopwatch_.wanted())
     timing_.cardTime = timing_.exchangeCount == 0 ? 0 : timing_.cardTime / timing_.exchangeCount;
-  }
-  start_timing();
+  stopwatch_.start();
   return Outcome::unless_failed(id_card_select_file(&cfg_, 0, kSelect6011));
 }
 
@@ -197,10 +169,7 @@ Outcome IdCardRead::on_file_6012_data() {
 
 Outcome IdCardRead::decode_first_files() {
   count_file_time();
-  if (cfg_.readMode != 1) return Outcome::unless_failed(decodeStep(kDecodeFiles));
-  need_file_6013_ = false;
-  const int32_t value = decodeStep(kDecodeIdentity);
-  return need_file_6013_ ? Outcome::unless_failed(value) : Outcome::end_with(value);
+  return decode(cfg_.readMode == 1 ? kDecodeIdentity : kDecodeFiles);
 }
 
 Outcome IdCardRead::on_file_6013_selected() {
@@ -218,7 +187,7 @@ Outcome IdCardRead::on_file_6013_data() {
   card_.file6013.append(data.bytes().first(static_cast<size_t>(n)));
   if (card_.file6013.complete()) {
     count_file_time();
-    return Outcome::end_with(decodeStep(kDecodeFile6013));
+    return decode(kDecodeFile6013);
   }
   return Outcome::unless_failed(
       id_card_read_file(&cfg_, card_.file6013.count, TQ_FILE_6013_LENGTH, kRead6013));
@@ -237,14 +206,14 @@ bool IdCardRead::is_empty_too_often(int32_t num_bytes) {
 }
 
 // Sends the card's answer to the server and the server's answer to the card.
-int32_t IdCardRead::relayStep(uint32_t command, uint8_t next_serial) {
+int32_t IdCardRead::relay_step(uint32_t command, uint8_t next_serial) {
   Secret<kAnswerRoom + 10> payload;  // the saved challenge may come in front
   const auto answer = payload.bytes().subspan(challenge_prefix_.size());
   const int32_t n = check_answer(answer);
   if (n < 0) return n;
-  count_card_time();
+  const bool timed = count_card_time();
   if (next_serial == kInternalAuthenticate) {
-    if (timing_wanted() && timing_.endTime > timing_.startTime) ++timing_.exchangeCount;
+    if (timed) ++timing_.exchangeCount;
     std::copy_n(answer.begin(), std::min<size_t>(static_cast<size_t>(n), card_.management.size()),
                 card_.management.begin());
   }
@@ -256,7 +225,7 @@ int32_t IdCardRead::relayStep(uint32_t command, uint8_t next_serial) {
   Secret<TQ_CARD_AUTH_BUFFER> buffer;
   const int32_t len = exchange_for_card(sent, command, buffer.bytes());
   if (len < 0) return len;
-  start_timing();
+  stopwatch_.start();
   return tq_read_card_send(&cfg_, buffer.data(), static_cast<uint32_t>(len), next_serial);
 }
 
@@ -264,74 +233,66 @@ int32_t IdCardRead::relayStep(uint32_t command, uint8_t next_serial) {
 // result.
 int32_t IdCardRead::exchange_for_card(std::span<const uint8_t> answer, uint32_t command,
                                       std::span<uint8_t> buffer) {
-  const auto capacity = static_cast<uint32_t>(buffer.size());
-  const int32_t request_len = input_auth_cmd_group(&cfg_, answer.data(), static_cast<uint32_t>(answer.size()),
-                                                   command, work_key_.data(), buffer.data(), capacity);
+  const int32_t request_len = build_card_auth(cfg_, answer, command, work_key_.bytes(), buffer);
   if (request_len < 0) return TQ_REQUEST_NOT_BUILT;
   const bool timed = command == kCardAuth1;
   const int64_t before = timed ? now() : 0;
-  const int32_t num_received = tcp_send_and_recv(&cfg_, buffer.data(), static_cast<uint32_t>(request_len),
-                                                 buffer.data(), capacity, TQ_SHORT_FRAME);
+  const int32_t num_received = exchange(buffer, request_len);
   if (num_received < 0) return num_received;
   if (timed) server_round_trip_ = elapsed(now(), before);
-  const int32_t len = output_auth_cmd_analysis(buffer.data(), static_cast<uint32_t>(num_received), command,
-                                               work_key_.data(), buffer.data(), capacity);
-  if (len < 0) return len == TQ_FAILED ? static_cast<int32_t>(TQ_RESPONSE_MALFORMED) : len;
+  const auto received = buffer.first(static_cast<size_t>(num_received));
+  const int32_t len = take_card_command(received, command, work_key_.bytes(), buffer);
+  if (len < 0) return failed_as(TQ_RESPONSE_MALFORMED, len);
   if (timed) last_auth_time_ = now();
   return len;
 }
 
-// Has the files read so far decoded. A value of 0 or more is a result, or means that the next file is being
-// selected.
-int32_t IdCardRead::decodeStep(uint32_t command) {
+// Has the files read so far decoded: the server answers with the result, or wants file 6013, too.
+Outcome IdCardRead::decode(uint32_t command) {
   const bool may_be_large = command == kDecodeFile6013 && cfg_.readMode == 0 && cfg_.decodeMode == 0;
   ScratchBuffer buffer(may_be_large ? TQ_DECODE_BUFFER_LARGE : TQ_DECODE_BUFFER);
-  if (!buffer) return TQ_REQUEST_NOT_BUILT;
-  const int32_t num_received = ask_for_decoding(command, buffer);
-  if (num_received < 0) return num_received;
-  const int32_t len =
-      output_data_decode_analysis(buffer.data(), static_cast<uint32_t>(num_received), command,
-                                  work_key_.data(), buffer.data(), static_cast<uint32_t>(buffer.size()));
-  if (len >= 1 && command != kDecodeFiles) {
-    return result_info_data_parse(&cfg_, buffer.data(), static_cast<uint32_t>(len), &result_);
+  if (!buffer) return Outcome::end_with(TQ_REQUEST_NOT_BUILT);
+  const CardFiles files = {card_.management, card_.file6011.bytes(), card_.file6012.bytes(),
+                           card_.file6013.bytes()};
+  const int32_t request_len =
+      build_decode_request(files, command, &timing_, work_key_.bytes(), buffer.bytes());
+  if (request_len < 0) return Outcome::end_with(TQ_REQUEST_NOT_BUILT);
+  const int32_t num_received = exchange(buffer.bytes(), request_len);
+  if (num_received < 0) return Outcome::end_with(num_received);
+  const auto received = buffer.bytes().first(static_cast<size_t>(num_received));
+  const int32_t len = take_decoded(received, command, work_key_.bytes(), buffer.bytes());
+
+  const bool has_data = len >= 1;
+  const bool wants_more = command == kDecodeFiles ? has_data : command == kDecodeIdentity && !has_data;
+  if (wants_more) {
+    stopwatch_.start();
+    return Outcome::unless_failed(id_card_select_file(&cfg_, 2, kSelect6013));
   }
-  if (len < 1 && command != kDecodeIdentity) {
-    return len == TQ_FAILED ? static_cast<int32_t>(TQ_RESPONSE_MALFORMED) : len;
-  }
-  need_file_6013_ = command == kDecodeIdentity;
-  start_timing();
-  return id_card_select_file(&cfg_, 2, kSelect6013);
+  if (has_data)
+    return Outcome::end_with(make_result(cfg_, buffer.bytes().first(static_cast<size_t>(len)), result_));
+  if (command == kDecodeFiles && len == 0) return Outcome::end_with(TQ_RESPONSE_MALFORMED);
+  return Outcome::end_with(failed_as(TQ_RESPONSE_MALFORMED, len));
 }
 
-int32_t IdCardRead::ask_for_decoding(uint32_t command, ScratchBuffer& buffer) {
-  const auto capacity = static_cast<uint32_t>(buffer.size());
-  const int32_t len = input_data_decode_group(
-      card_.management.data(), TQ_MANAGEMENT_LENGTH, card_.file6011.data.data(), card_.file6011.count,
-      card_.file6012.data.data(), card_.file6012.count, card_.file6013.data.data(), card_.file6013.count,
-      command, work_key_.data(), buffer.data(), capacity, &timing_);
-  if (len < 0) return TQ_REQUEST_NOT_BUILT;
-  return tcp_send_and_recv(&cfg_, buffer.data(), static_cast<uint32_t>(len), buffer.data(), capacity,
-                           TQ_SHORT_FRAME);
+// Request and answer share the buffer.
+int32_t IdCardRead::exchange(std::span<uint8_t> buffer, int32_t request_len) {
+  return tcp_send_and_recv(&cfg_, buffer.data(), static_cast<uint32_t>(request_len), buffer.data(),
+                           static_cast<uint32_t>(buffer.size()), TQ_SHORT_FRAME);
 }
 
-// --- timing, when the server wants it ---
+// --- timing ---
 
-void IdCardRead::start_timing() {
-  if (timing_wanted()) timing_.startTime = now();
-}
-
-void IdCardRead::count_card_time() {
-  if (!timing_wanted()) return;
-  timing_.endTime = now();
-  if (timing_.endTime <= timing_.startTime) return;
-  timing_.cardTime += static_cast<uint32_t>(elapsed(timing_.endTime, timing_.startTime));
+// False when no time has passed.
+bool IdCardRead::count_card_time() {
+  const auto ms = stopwatch_.elapsed_ms();
+  if (!ms) return false;
+  timing_.cardTime += *ms;
   ++timing_.exchangeCount;
+  return true;
 }
 
 void IdCardRead::count_file_time() {
-  if (!timing_wanted()) return;
-  const int64_t end = now();
-  if (end > timing_.startTime) timing_.fileTime += static_cast<uint32_t>(elapsed(end, timing_.startTime));
+  if (const auto ms = stopwatch_.elapsed_ms()) timing_.fileTime += *ms;
 }
 
 }  // namespace tq

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <span>
 
-#include "core/session/card_read.hpp"
+#include "protocol/card_read.hpp"
 #include "protocol/data_decode.h"
 #include "util/secret.hpp"
 
@@ -20,6 +20,7 @@ struct CardFile {
   uint16_t count = 0;
 
   bool complete() const { return count == N; }
+  std::span<const uint8_t> bytes() const { return std::span(data).first(count); }
 
   // Appends what still fits.
   void append(std::span<const uint8_t> bytes) {
@@ -37,11 +38,8 @@ struct CardData {
 
 class IdCardRead final : public CardRead {
  public:
-  explicit IdCardRead(ReadSession& session);
+  explicit IdCardRead(ReadSession& session) : CardRead(session) {}
   ~IdCardRead() override;
-
-  // Authenticates, drives the card and reports.
-  void run();
 
  private:
   using Handler = Outcome (IdCardRead::*)();
@@ -61,30 +59,29 @@ class IdCardRead final : public CardRead {
   Outcome on_file_6013_selected();
   Outcome on_file_6013_data();
 
+  void send_first_command() override;
   Outcome handle_answer() override;
+  void complete_report(MonitorReport& /*report*/) const override {}
+
   Outcome decode_first_files();
-  void report(int32_t final_result);
+  Outcome decode(uint32_t command);
 
   int32_t check_answer(std::span<uint8_t> out);
   bool is_empty_too_often(int32_t num_bytes);
 
-  int32_t relayStep(uint32_t command, uint8_t next_serial);
+  int32_t relay_step(uint32_t command, uint8_t next_serial);
   int32_t exchange_for_card(std::span<const uint8_t> answer, uint32_t command, std::span<uint8_t> buffer);
-  int32_t decodeStep(uint32_t command);
-  int32_t ask_for_decoding(uint32_t command, ScratchBuffer& buffer);
+  int32_t exchange(std::span<uint8_t> buffer, int32_t request_len);
 
-  void start_timing();
-  void count_card_time();
+  bool count_card_time();
   void count_file_time();
 
   CardData card_;
-  Secret<32> work_key_;
   TqTiming timing_{};
   int64_t last_auth_time_ = 0;
   int64_t server_round_trip_ = 0;
   bool fast_path_ = false;
   std::array<uint8_t, 10> challenge_prefix_{};
-  bool need_file_6013_ = false;
   uint32_t num_empty_reads_ = 0;
 };
 

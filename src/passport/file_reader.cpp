@@ -1,78 +1,219 @@
-#include "passport/file_reader.h"
+#include "passport/file_reader.hpp"
 
 #include <algorithm>
-#include <array>
 
 #include "core/session/card_relay.h"
 #include "passport/callers_channel.hpp"
-#include "passport/file_reader.hpp"
+#include "passport/file_reader.h"
 #include "passport/secure_messaging.h"
 #include "util/byte_cursor.hpp"
+#include "util/tlv.hpp"
 
 namespace tq {
+namespace {
 
 using Bytes = std::span<const uint8_t>;
 
-int32_t send_protected(SessionConfig& cfg, SecureChannel& channel, const PlainCommand& command,
-                       uint8_t step) {
+constexpr uint32_t kMostEmptyAnswers = 8;
+constexpr size_t kSmallerChunks[] = {192, 160, 128};  // for chips that find a length too large
+constexpr uint8_t kWarning = 0x62;                    // first byte of a status word
+constexpr uint8_t kWrongLe = 0x6C;                    // the second byte tells what would do
+constexpr uint16_t kWrongLength = 0x6700;
+constexpr size_t kLongestFile = 0xFFFF;  // that a request can carry
+
+// READ BINARY with odd instruction (ISO/IEC 7816-4 section 11.2.3): where the even one would mean a short
+// file identifier, the offset goes into DO54 and the data come in DO53.
+constexpr size_t kOddFrom = 0x8000;
+constexpr uint8_t kTagOffset = 0x54;
+constexpr uint8_t kTagData = 0x53;
+constexpr size_t kLongestHead = 3;
+
+constexpr size_t head_len(size_t value_len) {
+  return value_len < 0x80 ? 2 : kLongestHead;
+}
+
+// False for anything but DO53.
+bool take_data_object(Bytes object, Bytes& value) {
+  ByteReader r(object);
+  uint8_t tag = 0;
+  uint32_t len = 0;
+  return r.u8(tag) && tag == kTagData && read_length(r, kChipLengths, len) == LengthField::kRead &&
+         r.take(len, value);
+}
+
+}  // namespace
+
+bool send_protected(SessionConfig& cfg, SecureChannel& channel, const PlainCommand& command, uint8_t step) {
   std::array<uint8_t, TQ_PROTECTED_COMMAND_MAX> sent{};
   size_t len = 0;
-  if (!channel.protect(command, sent, len)) return TQ_FAILED;
-  return tq_read_card_send(&cfg, sent.data(), static_cast<uint32_t>(len), step);
+  if (!channel.protect(command, sent, len)) return false;
+  tq_read_card_send(&cfg, sent.data(), static_cast<uint32_t>(len), step);
+  return true;
 }
 
-int32_t send_select(SessionConfig& cfg, SecureChannel& channel, uint16_t file_id, uint8_t step,
-                    bool with_le) {
+bool FileReader::select(uint16_t file_id, uint8_t step) {
+  abandon();
   const std::array<uint8_t, 2> id = {static_cast<uint8_t>(file_id >> 8), static_cast<uint8_t>(file_id)};
-  PlainCommand command = {{0x00, 0xA4, 0x02, 0x0C}, id};
-  if (with_le) command.le = id[1];
-  return send_protected(cfg, channel, command, step);
+  return send_protected(cfg_, channel_, {{0x00, 0xA4, 0x02, 0x0C}, id}, step);
 }
 
-int32_t send_read(SessionConfig& cfg, SecureChannel& channel, size_t offset, size_t count, uint8_t step) {
-  const PlainCommand command = {
-      .header = {0x00, 0xB0, static_cast<uint8_t>(offset >> 8), static_cast<uint8_t>(offset)},
+bool FileReader::start(uint16_t file_id, uint8_t step) {
+  abandon();
+  if (PassportFileRecord* const row = files_.find(file_id); row != nullptr) drop_file(*row);
+  file_id_ = file_id;
+  step_ = step;
+  return ask_next() == Progress::kGoesOn;
+}
+
+void FileReader::abandon() {
+  PassportFileRecord* const row = file_id_ == kNoFile ? nullptr : files_.find(file_id_);
+  if (row != nullptr) drop_file(*row);
+  wipe(header_);
+  file_id_ = kNoFile;
+  header_len_ = 0;
+  offset_ = 0;
+  missing_ = 0;
+  num_empty_ = 0;
+}
+
+FileReader::Progress FileReader::take(uint16_t file_id, Bytes answer) {
+  ChipAnswer a;
+  ChipAnswer::open(cfg_, channel_, answer, a);
+  if (file_id != file_id_) return fail(TQ_CARD_FAILED);  // nobody has asked for it
+  PassportFileRecord* row = files_.find(file_id);
+  if (row == nullptr) row = files_.append(file_id, 0);
+  if (row == nullptr) return fail(TQ_CARD_FAILED);
+  row->status = cfg_.lastStatusWord;
+
+  const bool only_warns = a.status_is(kWarning) && !a.data().empty();
+  if (!a.good() && !only_warns) {
+    const size_t fewer = count_that_would_do(a);
+    return fewer == 0 ? fail(a.code()) : ask_for(fewer);
+  }
+  Bytes data = a.data();
+  if (odd_ && !data.empty() && !take_data_object(data, data)) return fail(TQ_CARD_FAILED);
+  const Bytes chunk = data.first(std::min(data.size(), asked_));
+  if (!chunk.empty()) {
+    num_empty_ = 0;
+    return keep(*row, chunk);
+  }
+  return ++num_empty_ == kMostEmptyAnswers ? fail(TQ_NO_CARD_ANSWER) : ask_next();
+}
+
+FileReader::Progress FileReader::keep(PassportFileRecord& row, Bytes chunk) {
+  offset_ += chunk.size();
+  if (missing_ > 0) {
+    append_chunk(row, chunk);
+  } else {
+    std::copy(chunk.begin(), chunk.end(), header_.begin() + static_cast<ptrdiff_t>(header_len_));
+    header_len_ += chunk.size();
+    const Bytes header = std::span(header_).first(header_len_);
+    const size_t size = size_in_header(header);
+    if (size == 0 && header_len_ < header_.size()) return ask_next();
+    if (size > kLongestFile) return fail(TQ_REQUEST_NOT_BUILT);
+    if (!begin_file(row, header)) return fail(TQ_CARD_FAILED);
+  }
+  missing_ = num_missing(row);
+  if (missing_ > 0) return ask_next();
+  file_id_ = kNoFile;
+  abandon();
+  return Progress::kComplete;
+}
+
+FileReader::Progress FileReader::fail(int32_t code) {
+  abandon();
+  code_ = code;
+  return Progress::kFailed;
+}
+
+// Bytes to ask for instead of those that have been refused; 0 when the refusal does not mean their number, or
+// when there is no smaller one.
+size_t FileReader::count_that_would_do(const ChipAnswer& answer) {
+  const bool tells = answer.status_is(kWrongLe);
+  if (!tells && answer.status() != kWrongLength) return 0;
+  const auto head = [this](size_t count) { return odd_ ? head_len(count) : 0; };
+  const size_t le = answer.sw2();
+  if (tells && !told_ && le > head(le) && le < asked_ + head(asked_)) {
+    const size_t count = le - head(le);
+    if (missing_ > 0 && asked_ == most_at_once()) chunk_ = count;
+    told_ = true;
+    return count;
+  }
+  for (const size_t count : kSmallerChunks) {
+    if (count >= asked_) continue;
+    chunk_ = count;
+    return count;
+  }
+  return 0;
+}
+
+size_t FileReader::most_at_once() const {
+  const size_t room = channel_.most_data() - (offset_ < kOddFrom ? 0 : kLongestHead);
+  return std::min(chunk_, room);
+}
+
+FileReader::Progress FileReader::ask_next() {
+  told_ = false;
+  return ask_for(missing_ > 0 ? std::min(missing_, most_at_once()) : header_.size() - header_len_);
+}
+
+FileReader::Progress FileReader::ask_for(size_t count) {
+  asked_ = count;
+  odd_ = offset_ >= kOddFrom;
+  PlainCommand command = {
+      .header = {0x00, 0xB0, static_cast<uint8_t>(offset_ >> 8), static_cast<uint8_t>(offset_)},
       .le = static_cast<uint8_t>(count)};
-  return send_protected(cfg, channel, command, step);
+  std::array<uint8_t, 5> object{};
+  ByteWriter w(object);
+  if (odd_) {
+    const size_t width = offset_ > 0xFFFF ? 3 : 2;
+    w.u8(kTagOffset);
+    w.u8(static_cast<unsigned>(width));
+    w.number(static_cast<uint32_t>(offset_), width);
+    command = {.header = {0x00, 0xB1, 0x00, 0x00},
+               .data = w.written(),
+               .le = static_cast<uint8_t>(count + head_len(count)),
+               .data_is_tlv = true};
+  }
+  return send_protected(cfg_, channel_, command, step_) ? Progress::kGoesOn : Progress::kNotSent;
 }
 
-int32_t open_answer(SessionConfig& cfg, SecureChannel& channel, Bytes answer, std::span<uint8_t> out) {
-  std::array<uint8_t, TQ_CARD_ANSWER_MAX> objects{};
-  const int32_t objects_len = tq_read_card_anlysis(&cfg, answer.data(), static_cast<uint32_t>(answer.size()),
-                                                   objects.data(), static_cast<uint32_t>(objects.size()));
-  if (objects_len < 0) return objects_len;
-  size_t len = 0;
-  const Opened opened = channel.open(std::span(objects).first(static_cast<size_t>(objects_len)), out, len);
-  if (opened == Opened::kNotAuthentic) channel.count_lost_answer();
-  return opened == Opened::kYes ? static_cast<int32_t>(len) : int32_t{TQ_CARD_FAILED};
-}
+}  // namespace tq
 
+// --- for callers outside; nothing here uses them ---
+
+namespace tq {
+namespace {
+
+constexpr size_t kFirstChunk = 4;
+
+// What FileReader does without patience for odd chips: a table and a counter are all that it remembers.
 int32_t read_next(SessionConfig& cfg, SecureChannel& channel, FileTable& files, Bytes answer,
                   uint16_t file_id, uint8_t step) {
+  ChipAnswer a;
+  ChipAnswer::open(cfg, channel, answer, a);
   PassportFileRecord* row = files.find(file_id);
-  Secret<TQ_CARD_ANSWER_MAX> plain;
-  const int32_t plain_len = open_answer(cfg, channel, answer, plain.bytes());
-  if (row != nullptr) row->status = cfg.lastStatusWord;
-  if (plain_len < 0) {
-    if (row == nullptr) files.append(file_id, cfg.lastStatusWord);
-    return plain_len;
-  }
   const size_t asked = row == nullptr ? kFirstChunk : std::min<size_t>(num_missing(*row), cfg.readChunkSize);
-  const Bytes chunk = plain.bytes().first(std::min(static_cast<size_t>(plain_len), asked));
-  if (row == nullptr) {
-    row = files.append(file_id, cfg.lastStatusWord);
+  if (row != nullptr) row->status = cfg.lastStatusWord;
+  const bool is_new = row == nullptr;
+  if (is_new) row = files.append(file_id, cfg.lastStatusWord);
+  if (!a.good()) return a.code();
+  const Bytes chunk = a.data().first(std::min(a.data().size(), asked));
+  if (is_new) {
     if (row == nullptr || !begin_file(*row, chunk)) return TQ_CARD_FAILED;
   } else {
     append_chunk(*row, chunk);
   }
   if (chunk.empty() || num_missing(*row) == 0) return 0;
   const size_t count = std::min<size_t>(num_missing(*row), cfg.readChunkSize);
-  return send_read(cfg, channel, row->received, count, step) < 0 ? int32_t{TQ_CARD_FAILED} : 1;
+  const PlainCommand command = {
+      .header = {0x00, 0xB0, static_cast<uint8_t>(row->received >> 8), static_cast<uint8_t>(row->received)},
+      .le = static_cast<uint8_t>(count)};
+  return send_protected(cfg, channel, command, step) ? 1 : int32_t{TQ_CARD_FAILED};
 }
 
+}  // namespace
 }  // namespace tq
-
-// --- for callers outside; nothing here uses them ---
 
 extern "C" {
 

@@ -5,11 +5,13 @@
 #include <cstdint>
 #include <span>
 
-#include "core/session/card_read.hpp"
+#include "passport/chip_answer.hpp"
+#include "passport/data_group_list.hpp"
+#include "passport/file_reader.hpp"
 #include "passport/file_table.hpp"
 #include "passport/mutual_authentication.hpp"
 #include "passport/secure_channel.hpp"
-#include "protocol/session_values.hpp"
+#include "protocol/card_read.hpp"
 #include "util/secret.hpp"
 
 namespace tq {
@@ -20,14 +22,14 @@ class PassportRead final : public CardRead {
  public:
   // The session's input is the MrzFields.
   explicit PassportRead(ReadSession& session) : CardRead(session) {}
-  ~PassportRead() override { release_business_id(cfg_); }
-
-  // Authenticates, opens the chip, reads its files, has them decoded and reports.
-  void run();
 
  private:
   using Handler = Outcome (PassportRead::*)();
   static const Handler kHandlers[];
+
+  void send_first_command() override;
+  Outcome handle_answer() override;
+  void complete_report(MonitorReport& report) const override;
 
   Outcome on_application_selected();
   Outcome on_challenge();
@@ -40,44 +42,38 @@ class PassportRead final : public CardRead {
   Outcome on_data_group_data();
   Outcome on_internal_authenticate();
 
-  Outcome handle_answer() override;
-  void report(int32_t final_result);
-
+  Outcome start_on_the_server();
+  Outcome ask_for_challenge();
   Outcome select_com();
   Outcome select_sod();
   Outcome select_data_group();
   Outcome select_next_data_group();
-  Outcome authenticate_actively();
+  Outcome authenticate_actively(uint8_t le);
   Outcome have_files_decoded();
-  void order_data_groups();
 
-  int32_t check_answer(std::span<uint8_t> out);
-  int32_t open_answer(std::span<uint8_t> out);
-  int32_t select_file(uint16_t file_id, uint8_t step, bool with_le = false);
-  int32_t read_first_bytes(uint8_t step);
-  int32_t keep_file_data(uint16_t file_id, uint8_t step);
-  bool has_row(uint16_t file_id) { return files_.find(file_id) != nullptr; }
+  void judge_answer(ChipAnswer& out, size_t room) { ChipAnswer::judge(cfg_, answer_.bytes(), out, room); }
+  void open_answer(ChipAnswer& out) { ChipAnswer::open(cfg_, channel_, answer_.bytes(), out); }
 
-  uint16_t current_file() const;
-  uint16_t last_core_file() const;
-
-  void start_timing();
-  bool stop_timing(uint32_t& sum);
+  void count_opening_time();
+  void count_reading_time();
 
   BasicAccess access_;
+  uint8_t cryptogram_le_ = kCryptogramLen;
   SecureChannel channel_;
   OwnedFileTable files_;
-  std::array<uint32_t, TQ_DATA_GROUPS_MAX> data_groups_{};  // in reading order
-  uint32_t num_data_groups_ = 0;
-  uint32_t current_ = 0;  // index of the data group being read
-  Secret<32> work_key_;
+  FileReader reader_{cfg_, channel_, files_};
+  DataGroupList data_groups_;
   Secret<TQ_PASSPORT_TOKEN_LENGTH> token_;
   Secret<TQ_AA_CHALLENGE_LENGTH> aa_challenge_;
-  Secret<TQ_CARD_ANSWER_MAX> aa_answer_;
-  size_t aa_len_ = 0;
+  ChipAnswer aa_answer_;
+  bool has_signature_ = false;
   bool aa_sent_ = false;
-  bool connected_ = false;
-  PassportTiming timing_{};
+  bool aa_asked_again_ = false;
+
+  uint32_t opening_ms_ = 0;   // SELECT application and GET CHALLENGE together
+  uint32_t num_opening_ = 0;  // exchanges of these that took any time
+  uint32_t reading_ms_ = 0;   // EF.COM, EF.SOD, DG1 and DG2
+  std::array<char, TQ_STATUS_TEXT_SIZE> status_text_{};
 };
 
 }  // namespace tq

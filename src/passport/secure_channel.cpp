@@ -163,6 +163,7 @@ Opened SecureChannel::open(Bytes answer, std::span<uint8_t> out, size_t& len) {
 }
 
 size_t SecureChannel::most_data() const {
+  if (keys_.suite == CipherSuite::k3Des) return 0xFF;
   const size_t block = block_len(keys_.suite);
   return (kAnswerMax - kAnswerFraming) / block * block - 1;
 }

@@ -71,7 +71,8 @@ class SecureChannel {
   // The counter, as long as a block.
   std::span<const uint8_t> counter() const { return std::span(counter_).last(block_len(keys_.suite)); }
 
-  // Most bytes of data for which an answer stays within 256 bytes.
+  // Most bytes that a READ BINARY can ask for: with AES, as many as leave the answer within 256 bytes; with
+  // triple DES that is left to whoever chooses the size of chunks.
   size_t most_data() const;
 
  private:

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "core/session/read_session.hpp"
 #include "protocol/monitor_report.hpp"
 #include "protocol/session_values.hpp"
 #include "protocol/tcp_transport.h"
@@ -58,11 +59,11 @@ struct RecordTexts {
 
 }  // namespace
 
-void send_monitor_report(SessionConfig& cfg, const MonitorReport& report) {
-  if (cfg.monitorCallback == nullptr) return;
+bool send_monitor_report(SessionConfig& cfg, const MonitorReport& report) {
+  if (cfg.monitorCallback == nullptr) return true;
   const int64_t now = host_time(cfg);
   ScratchBuffer buffer(kReportBuffer);
-  if (!buffer) return;
+  if (!buffer) return true;
   const RecordTexts texts(cfg);
   const std::string_view id = business_id(cfg);
   monitor_param record{};
@@ -78,13 +79,15 @@ void send_monitor_report(SessionConfig& cfg, const MonitorReport& report) {
   record.sod_file = report.sod_text;
   write_hex(report.stick_card_id, record.stickCard_id);
 
+  if (current_read_stopped()) return false;
   const int32_t text_len = cfg.monitorCallback(&record, reinterpret_cast<char*>(buffer.data()), kLongestText);
-  if (text_len < 0 || static_cast<uint32_t>(text_len) > kLongestText) return;
+  if (text_len < 0 || static_cast<uint32_t>(text_len) > kLongestText) return true;
   const auto text = buffer.bytes().first(static_cast<size_t>(text_len));
   const int32_t len = build_monitor_request(cfg, text, report.work_key, buffer.bytes(), report.prefix);
-  if (len < 0) return;
+  if (len < 0) return true;
   tcp_send_and_recv(&cfg, buffer.data(), static_cast<uint32_t>(len), buffer.data(), kReportBuffer,
                     TQ_SHORT_FRAME);
+  return true;
 }
 
 int32_t build_monitor_request(const SessionConfig& cfg, std::span<const uint8_t> text, WorkKey key,
@@ -108,13 +111,13 @@ void monitor_data_parse(SessionConfig* cfg, const uint8_t* workKey, int64_t star
                         const uint8_t* stickCardId) {
   static_cast<void>(unused);
   if (cfg == nullptr || workKey == nullptr || stickCardId == nullptr) return;
-  tq::send_monitor_report(*cfg, {.work_key = tq::work_key_at(workKey),
-                                 .start_time = startTime,
-                                 .result = result,
-                                 .delay = delay,
-                                 .sod_text = sodText == nullptr ? "" : sodText,
-                                 .prefix = tq::prefix_at(prefix),
-                                 .stick_card_id = {stickCardId, TQ_STICK_CARD_ID_LENGTH}});
+  static_cast<void>(tq::send_monitor_report(*cfg, {.work_key = tq::work_key_at(workKey),
+                                                   .start_time = startTime,
+                                                   .result = result,
+                                                   .delay = delay,
+                                                   .sod_text = sodText == nullptr ? "" : sodText,
+                                                   .prefix = tq::prefix_at(prefix),
+                                                   .stick_card_id = {stickCardId, TQ_STICK_CARD_ID_LENGTH}}));
 }
 
 int32_t input_7219_group(SessionConfig* cfg, const char* json, uint32_t jsonLength, const uint8_t* workKey,

@@ -19,8 +19,9 @@ struct MonitorReport {
   std::span<const uint8_t> stick_card_id;
 };
 
-// What monitor_data_parse does.
-void send_monitor_report(SessionConfig& cfg, const MonitorReport& report);
+// What monitor_data_parse does. False when the read has been stopped before the application was asked: then
+// nobody is told anything.
+[[nodiscard]] bool send_monitor_report(SessionConfig& cfg, const MonitorReport& report);
 
 // What input_7219_group does.
 int32_t build_monitor_request(const SessionConfig& cfg, std::span<const uint8_t> text, WorkKey key,
