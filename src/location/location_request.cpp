@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
+#include <charconv>
 #include <cstring>
 #include <iterator>
 #include <span>
@@ -85,8 +85,8 @@ void write_name(ByteWriter& w, const char* name) {
 // What the request says, before encryption. The time has its 13 places whatever the clock says.
 void write_plain(ByteWriter& w, const ScpContext& context) {
   std::array<char, 24> time{};
-  static_cast<void>(
-      std::snprintf(time.data(), time.size(), "%lld", static_cast<long long>(context.timeSource())));
+  const WipeOnExit wipe_time(time);
+  std::to_chars(time.data(), time.data() + time.size(), context.timeSource());
   w.u8(kPlainMark);
   w.bytes(bytes_of(context.appid, TQ_SCP_APPID_LENGTH));
   w.bytes(bytes_of(time.data(), kTimeDigits));
@@ -221,7 +221,7 @@ int32_t scp_authentication(const ScpContext* context, uint32_t* result) {
   ScpContext own = *context;
   const WipeOnExit wipe_own(own);
   ScratchBuffer buffer(kExchangeRoom);
-  const int32_t request_len = build_request(own, buffer.bytes());
+  const int32_t request_len = buffer ? build_request(own, buffer.bytes()) : int32_t{TQ_FAILED};
   if (request_len < 0) return TQ_REQUEST_NOT_BUILT;
   const auto request = buffer.bytes().first(static_cast<size_t>(request_len));
   const int32_t answer_len = exchange_by_https(own, request, buffer.bytes());

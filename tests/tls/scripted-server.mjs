@@ -1,19 +1,18 @@
 // A TLS 1.2 server for one connection that can be told to do anything wrong, and that checks every byte of the client
-// meanwhile. Written from RFC 5246 on Node's hashes and AES; RC4 and RSA are here because Node has them no more.
+// meanwhile. Written from RFC 5246 on Node's hashes and AES; RC4 is here because Node has it no more.
 //
 // What the server sends is a list of items:
 //   Buffer                     a handshake message
-//   { type, content, ... }     a record, protected like the others (fields: see ScriptedServer.record); sent `twice`, or `lost`
+//   { type, content, ... }     a record, protected like the others (see record and Protection.seal); sent `twice`, or `lost`;
+//                              `whole` is the handshake message that it ends
 //   { raw }                    bytes
 //   'keys'                     turns on the protection of what follows
-//   'finished'                 the Finished message that belongs here
-//   { wrongFinished: n }       the same with its byte n changed
-//   { fin: true }              the end of the TCP stream
-//   { reset: true }            the end of it by a reset
-// A plan changes it: suite, hello (fields of the ServerHello), chain, requestCertificate, first and closing (functions
+//   'finished', { wrongFinished: n }   the Finished message that belongs here, and with its byte n changed
+//   { fin }, { reset }         the end of the TCP stream, and by a reset
+// A plan changes it: suite, key, chain, hello (fields of the ServerHello), requestCertificate, first and closing (functions
 // from the usual items of the two flights to others), cut (longest fragment of handshake messages, which are joined
-// first), segment (bytes of a TCP segment), started and after (functions that get the server, when it starts and behind
-// its Finished; the latter may be async), lastWords (items sent when the client has closed).
+// first), segment (bytes of a TCP segment), started and after (functions of the server, when it starts and behind its
+// Finished; the latter may be async), lastWords (items sent when the client has closed).
 
 import assert from 'node:assert/strict';
 import { createCipheriv, createDecipheriv, createHash, createHmac, randomBytes } from 'node:crypto';
@@ -38,51 +37,35 @@ export const kHelloRequest = message(0);
 export const kChangeCipherSpec = { type: kCcs, content: Buffer.from([1]) };
 export const kRenegotiationInfo = [0xff01, hex('00')];
 
-const hmac = (hash, key, ...parts) => {
-  const h = createHmac(hash, key);
-  for (const part of parts) h.update(part);
-  return h.digest();
-};
+const hmac = (hash, key, ...parts) => createHmac(hash, key).update(Buffer.concat(parts)).digest();
 
 function prf(secret, label, seed, length) {
   const all = Buffer.concat([Buffer.from(label), seed]);
   const pieces = [];
-  for (let a = all, made = 0; made < length; made += 32) {
-    a = hmac('sha256', secret, a);
-    pieces.push(hmac('sha256', secret, a, all));
-  }
+  for (let a = all; pieces.length * 32 < length; pieces.push(hmac('sha256', secret, a, all))) a = hmac('sha256', secret, a);
   return Buffer.concat(pieces).subarray(0, length);
 }
 
-class Rc4 {
-  constructor(key) {
-    this.s = Uint8Array.from({ length: 256 }, (_, i) => i);
-    this.i = this.j = 0;
-    for (let i = 0, j = 0; i < 256; ++i) {
-      j = (j + this.s[i] + key[i % key.length]) & 255;
-      [this.s[i], this.s[j]] = [this.s[j], this.s[i]];
-    }
-  }
-  apply(bytes) {
-    return Buffer.from(bytes).map((byte) => {
-      this.i = (this.i + 1) & 255;
-      this.j = (this.j + this.s[this.i]) & 255;
-      [this.s[this.i], this.s[this.j]] = [this.s[this.j], this.s[this.i]];
-      return byte ^ this.s[(this.s[this.i] + this.s[this.j]) & 255];
-    });
-  }
+function rc4(key) {
+  const s = Uint8Array.from({ length: 256 }, (_, i) => i);
+  const swap = (i, j) => ([s[i], s[j]] = [s[j], s[i]]);
+  let [i, j] = [0, 0];
+  for (; i < 256; ++i) swap(i, j = (j + s[i] + key[i % key.length]) & 255);
+  [i, j] = [0, 0];
+  return (bytes) => Buffer.from(bytes).map((byte) => {
+    swap(i = (i + 1) & 255, j = (j + s[i]) & 255);
+    return byte ^ s[(s[i] + s[j]) & 255];
+  });
 }
 
 // One direction of protected records.
 class Protection {
   constructor({ cipher, hash, macLength }, macKey, key) {
-    Object.assign(this, { cipher, hash, macLength, macKey, key, sequence: 0n, vectors: new Set() });
-    if (cipher === 'rc4') this.rc4 = new Rc4(key);
+    Object.assign(this, { hash, macLength, macKey, key, sequence: 0n, vectors: new Set(), rc4: cipher === 'rc4' && rc4(key) });
   }
 
   mac(type, content, version = 0x0303) {
-    const sequence = number(this.sequence++, 8);
-    return hmac(this.hash, this.macKey, sequence, number(type, 1), number(version, 2), vector(2, content));
+    return hmac(this.hash, this.macKey, number(this.sequence++, 8), number(type, 1), number(version, 2), vector(2, content));
   }
 
   // `damage` sees { mac, padding } and may change them; extraBlocks makes the padding longer. The MAC is made for another
@@ -90,11 +73,8 @@ class Protection {
   seal(type, content, { damage = () => {}, extraBlocks = 0, macType = type, macVersion, skip = 0n, rewound = false } = {}) {
     this.sequence += skip;
     const parts = { mac: this.mac(macType, content, macVersion), padding: Buffer.alloc(0) };
-    if (rewound) this.rc4 = new Rc4(this.key);
-    if (this.rc4) {
-      damage(parts);
-      return this.rc4.apply(Buffer.concat([content, parts.mac]));
-    }
+    if (rewound) this.rc4 = rc4(this.key);
+    if (this.rc4) return damage(parts), this.rc4(Buffer.concat([content, parts.mac]));
     const length = 16 - ((content.length + this.macLength) % 16) + 16 * extraBlocks;
     parts.padding = Buffer.alloc(length, length - 1);
     damage(parts);
@@ -104,7 +84,7 @@ class Protection {
   }
 
   open(type, fragment) {
-    const plain = this.rc4 ? this.rc4.apply(fragment) : this.#decrypt(fragment);
+    const plain = this.rc4 ? this.rc4(fragment) : this.#decrypt(fragment);
     assert.ok(plain.length >= this.macLength, 'a record holds a MAC');
     const content = plain.subarray(0, plain.length - this.macLength);
     assert.deepEqual(plain.subarray(content.length), this.mac(type, content), 'MAC of the client');
@@ -134,17 +114,17 @@ class Walk {
     this.bytes = this.bytes.subarray(n);
     return taken;
   }
-  number(width) { return parseInt(this.take(width).toString('hex'), 16); }
+  number(width) { return this.take(width).readUIntBE(0, width); }
   vector(width) { return this.take(this.number(width)); }
   end() { assert.equal(this.bytes.length, 0, 'nothing is left over'); }
 }
 
-export function parseClientHello(body) {
+function parseClientHello(body) {
   const w = new Walk(body);
-  const hello = { version: w.number(2), random: w.take(32), session: w.vector(1), suites: w.vector(2), extensions: {} };
-  hello.compression = w.vector(1);
+  const hello = { version: w.number(2), random: w.take(32), session: w.vector(1), suites: w.vector(2), compression: w.vector(1) };
   const list = new Walk(w.vector(2));
   w.end();
+  hello.extensions = {};
   while (list.bytes.length > 0) {
     const type = list.number(2);
     assert.ok(!(type in hello.extensions), 'an extension comes once');
@@ -157,11 +137,10 @@ class Ended extends Error {}
 
 export class ScriptedServer {
   constructor(socket, plan) {
-    Object.assign(this, { socket, plan, alerts: [], received: [], transcript: createHash('sha256'), reads: 0 });
+    const [input, handshake] = [Buffer.alloc(0), Buffer.alloc(0)];
+    Object.assign(this, { socket, plan, alerts: [], received: [], input, handshake, transcript: createHash('sha256') });
     socket.setNoDelay(true).on('error', () => {});
     this.source = socket[Symbol.asyncIterator]();
-    this.input = Buffer.alloc(0);
-    this.handshake = Buffer.alloc(0);
     this.random = randomBytes(32);
   }
 
@@ -184,8 +163,8 @@ export class ScriptedServer {
     const spec = await this.#record();
     assert.deepEqual([spec.type, spec.content.toString('hex')], [kCcs, '01']);
     this.reading = this.keys.client;
-    const expected = this.#verifyData('client');
-    assert.deepEqual(await this.#message(20), expected);
+    const verifyData = this.#verifyData('client');
+    assert.deepEqual(await this.#message(20), verifyData);
     await this.send((plan.closing ?? ((items) => items))([kChangeCipherSpec, 'keys', 'finished']));
     await plan.after?.(this);
     await this.drain();
@@ -206,27 +185,23 @@ export class ScriptedServer {
   }
 
   #makeKeys(body) {
+    const { key } = this.plan;
+    const suite = kSuites[this.plan.suite ?? 0x3c];
     const w = new Walk(body);
     const encrypted = w.vector(2);
     w.end();
-    const key = this.plan.key;
     assert.equal(encrypted.length, key.length, 'a ciphertext as long as the modulus');
     const plain = key.decrypt(encrypted);
-    const zero = plain.indexOf(0, 2);
-    assert.equal(plain.toString('hex', 0, 2), '0002');
-    assert.equal(zero, key.length - 49, 'padding without a zero');
-    const premaster = plain.subarray(zero + 1);
-    assert.equal(premaster.toString('hex', 0, 2), '0303', 'the version offered');
-    this.padding = plain.subarray(2, zero);
-    const suite = kSuites[this.plan.suite ?? 0x3c];
+    assert.equal(plain.indexOf(0, 2), key.length - 49, 'padding without a zero');
+    this.padding = plain.subarray(2, -49);
+    const premaster = plain.subarray(-48);
+    assert.deepEqual([plain.toString('hex', 0, 2), premaster.toString('hex', 0, 2)], ['0002', '0303'], 'the version offered');
     this.master = prf(premaster, 'master secret', Buffer.concat([this.hello.random, this.random]), 48);
     const seed = Buffer.concat([this.random, this.hello.random]);
     const block = new Walk(prf(this.master, 'key expansion', seed, 2 * suite.macLength + 32));
     const macKeys = [block.take(suite.macLength), block.take(suite.macLength)];
-    this.keys = {
-      client: new Protection(suite, macKeys[0], block.take(16)),
-      server: new Protection(suite, macKeys[1], block.take(16)),
-    };
+    const [client, server] = macKeys.map((macKey) => new Protection(suite, macKey, block.take(16)));
+    this.keys = { client, server };
   }
 
   #verifyData(side) {
@@ -240,10 +215,13 @@ export class ScriptedServer {
       const { value, done } = await this.source.next().catch(() => ({ done: true }));
       if (done) throw new Ended('the client has closed');
       this.input = Buffer.concat([this.input, value]);
-      ++this.reads;
     }
-    const taken = this.input.subarray(0, n);
-    this.input = this.input.subarray(n);
+    return this.#front('input', n);
+  }
+
+  #front(name, n) {
+    const taken = this[name].subarray(0, n);
+    this[name] = this[name].subarray(n);
     return taken;
   }
 
@@ -277,12 +255,11 @@ export class ScriptedServer {
     await more(4);
     const length = this.handshake.readUIntBE(1, 3);
     await more(4 + length);
-    const whole = this.handshake.subarray(0, 4 + length);
-    this.handshake = this.handshake.subarray(4 + length);
+    const whole = this.#front('handshake', 4 + length);
     assert.equal(whole[0], type, 'the message that comes next');
     if (type === 20) assert.equal(this.handshake.length, 0);
-    if (type !== 20) this.transcript.update(whole);
-    else this.finishedMessage = whole;
+    if (type === 20) this.finishedMessage = whole; // the Finished of the server covers it
+    else this.transcript.update(whole);
     return whole.subarray(4);
   }
 
