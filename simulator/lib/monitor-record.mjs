@@ -20,7 +20,7 @@ const FIELDS = [
 /** The record's text, byte for byte as the reader writes it. */
 export function formatMonitorRecord(record) {
   const members = FIELDS.map(({ key, kind }) =>
-    kind === 'text' ? `"${key}": "${record[key]}"` : `"${key}": ${record[key]}`);
+    `"${key}": ${kind === 'text' ? JSON.stringify(record[key]) : record[key]}`);
   return `{${members.join(', ')}}`;
 }
 

@@ -72,7 +72,7 @@ class JsonText {
     auto* out = reinterpret_cast<char*>(room_.data());
     for (; *text != '\0'; ++text) {
       if (static_cast<unsigned char>(*text) < 0x20) {
-        out += std::snprintf(out, kLongestEscape + 1, "\\u%04X", static_cast<unsigned>(*text));
+        out += std::snprintf(out, kLongestEscape + 1, "\\u%04x", static_cast<unsigned>(*text));
         continue;
       }
       if (*text == '"' || *text == '\\') *out++ = '\\';

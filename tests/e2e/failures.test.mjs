@@ -32,6 +32,7 @@ testReads('malformed answers', Object.keys(kCommands).flatMap((on) => [
   ...kindsOf(on).map((kind) => failing(on, [asRule(kind)], malformed(on))),
   failing(on, [{ do: 'extra', bytes: '00' }], malformed(on)),
 ]).concat([
+  { name: '0x7500: a NUL in the business id', server: { businessId: 'SIMULATED\0READ' }, code: -35006, told: 'none', again: false },
   failing('0x6102', [{ do: 'malformed', kind: 'flagByte' }], { code: -35006 }),
   failing('0x6102', [{ do: 'malformed', kind: 'tagLengthPastEnd' }], { code: -35006 }),
   ...['0x6102', '0x6113'].map((on) => ({ ...failing(on, [{ do: 'malformed', kind: 'badPadding' }], malformed(on)),

@@ -22,7 +22,7 @@ testReads('modes', [
   ...[0, 1].map((reqidType) => ({ name: `reqid version ${reqidType}`, identity: { reqidType } })),
   ...[268, 52302, 26814].map((envIdCode) => ({ name: `environment ${envIdCode}`, identity: { envIdCode } })),
   ...['', '样本包名'].map((packageName) => ({ name: `package name "${packageName}"`, identity: { packageName } })),
-  ...['', kLongSn].map((sn) => ({ name: `serial number of ${sn.length} characters`, identity: { sn } })),
+  ...['', kLongSn, 'a "\\" and \u0001'].map((sn) => ({ name: `serial number of ${sn.length} characters`, identity: { sn } })),
   { name: 'terminal id of more than a byte', identity: { terId: 0x1234 } },
   { name: 'appid with blanks around it', identity: { appid: '  SIMULATEDREADER00002\t' } },
   { name: 'server by name', identity: { ip: 'localhost' } },
@@ -58,6 +58,7 @@ testReads('results', kBothModes.flatMap((mode) => [
   { name: 'length of nine bytes', ...result(mode, { tags: [{ info: '{}', lengthBytes: 9 }] }), raw: jsonResult('{}') },
   { name: 'an unknown tag ends the scan', ...result(mode, { tags: [{ idType: 1 }, { raw: '0700' }, { info: '{}' }] }),
     raw: jsonResult('{"idType":"01"}') },
+  { name: 'a NUL in the information', ...result(mode, { tags: [{ raw: '010200052241004222' }] }), code: -35006 },
   { name: 'a length past the end', ...result(mode, { tags: [{ idType: 1 }, { raw: '0102FFFF7B' }] }), code: -35006 },
   { name: 'a tag cut short', ...result(mode, { tags: [{ idType: 1 }, { raw: '0002' }] }), code: -35006 },
 ].map((row) => ({ ...row, name: `readMode ${mode}: ${row.name}` }))).concat([

@@ -136,7 +136,7 @@ function monitorText(expected, outcome) {
   const time = start === undefined ? passed : BigInt.asIntN(32, BigInt(BEGIN) - BigInt(start));
   const failed = nfc === undefined ? '' : outcome.commands.at(-1).command.slice(0, kMostErrorCommand);
   return `{"reqid": "${reqid}", "result_code": ${code}, "decode_times": ${time}, "time_delay": ${tick.server ?? 0}, ` +
-    `"nfc_err_code": ${nfc ?? GOOD_STATUS}, "nfc_err_cmd": "${failed}", "card_type": ${isPassport ? 1 : 0}, "device_id": "${sn}", ` +
+    `"nfc_err_code": ${nfc ?? GOOD_STATUS}, "nfc_err_cmd": "${failed}", "card_type": ${isPassport ? 1 : 0}, "device_id": ${JSON.stringify(sn)}, ` +
     `"appid": "${appid.trim()}", "sod_file": "${sod}", "stickCard_id": "${server.newStickCardId ?? 'C0FFEE00000000000000000000000001'}"}`;
 }
 
