@@ -54,13 +54,14 @@ export class Record extends EventEmitter {
   /** What the list of reads shows. */
   get summary() {
     const { id, kind, source, title, state, began, ms, steps, device } = this;
-    return { id, kind, source, title, state, began, ms: round(ms), steps: steps.length, device, outcome: this.outcome };
+    return { id, kind, source, title, state, began, ms: round(ms), steps: steps.length, device, outcome: this.outcome, doubtful: Boolean(this.judged?.checks.some(({ verdict }) => verdict === 'bad')) };
   }
 
   /** How the read ended, in a few words. */
   get outcome() {
     if (this.running) return 'running';
-    if (this.state === 'good') return this.result?.code > 0 ? `read, code ${this.result.code}` : 'read';
+    const bad = this.judged?.checks.filter(({ verdict }) => verdict === 'bad').length ?? 0;
+    if (this.state === 'good') return bad === 0 ? 'read' : `read, ${bad === 1 ? 'a check' : `${bad} checks`} failed`;
     return this.result?.name ? this.result.name.toLowerCase().replaceAll('_', ' ') : this.state;
   }
 

@@ -20,9 +20,11 @@ export class StartForm {
     form.addEventListener('submit', async (event) => {
       event.preventDefault();
       this.#complaint.textContent = '';
+      this.busy = true; // until the read is over, which is told as an event
       try {
         await start(this.#choice());
       } catch (error) {
+        this.busy = false;
         this.#complaint.textContent = error.message;
       }
     });

@@ -56,9 +56,9 @@ export class ReadList {
   }
 
   #make(read) {
-    const { id, title, state, began, ms, kind, source, outcome } = read;
+    const { id, title, state, began, ms, kind, source, outcome, doubtful } = read;
     const told = state === 'running' ? 'running' : `${outcome}, ${duration(ms)}`;
-    const row = toDom(h('li', {}, h('a', { href: `#read-${id}`, class: state, 'aria-current': id === this.#current ? 'page' : null },
+    const row = toDom(h('li', {}, h('a', { href: `#read-${id}`, class: doubtful ? 'failed' : state, 'aria-current': id === this.#current ? 'page' : null },
       h('span', { class: 'dot', 'aria-hidden': 'true' }), h('b', {}, title), h('time', {}, clock(began)),
       h('small', {}, `${source === 'phone' ? `${KINDS[kind]} ${SOURCES.phone}, ` : ''}${told}`))));
     const entry = { read, row };

@@ -7,16 +7,17 @@ import { KINDS, SOURCES, STATES, bytes, clock, counted, day, duration, label, nu
 const kMarks = { good: '✓', bad: '✕', unchecked: '–' };
 const kVerdicts = { good: 'Good', bad: 'Bad', unchecked: 'Not checked' };
 const kFirst = ['surname', 'givenNames', 'fullName', 'nameInZone', 'sex', 'nationality', 'birthDate', 'fullBirthDate', 'placeOfBirth'];
-const kDates = ['birthDate', 'expiryDate'];
+const kDates = ['birthDate', 'expiryDate', 'validFrom', 'validTo', 'issueDate'];
 
 const section = (id, title, ...children) => h('section', { id, 'aria-labelledby': `${id}-title` }, h('h2', { id: `${id}-title` }, title), children);
 const empty = (text) => h('p', { class: 'empty' }, text);
 const pill = (state) => h('span', { class: `pill ${state}` }, STATES[state]);
 const mono = (text) => h('code', {}, text);
 
-/** YYMMDD as it is meant; what expires does so in this century, who is born may be older. */
+/** YYMMDD and YYYYMMDD as they are meant; what expires does so in this century, who is born may be older. */
 function dated(name, value) {
-  if (!kDates.includes(name) || !/^\d{6}$/.test(value)) return value;
+  if (!kDates.includes(name) || !/^\d{6}(\d\d)?$/.test(value)) return value;
+  if (value.length === 8) return value.replace(/(....)(..)(..)/, '$1-$2-$3');
   return value.replace(/(..)(..)(..)/, name === 'expiryDate' ? '20$1-$2-$3' : '$1-$2-$3');
 }
 
@@ -35,6 +36,13 @@ export function verdict({ state, result }) {
   if (state === 'running' || state === 'good' || !result) return null;
   const code = result.code === null ? '' : ` (${result.code})`;
   return h('p', { class: `verdict ${state}`, role: 'status' }, result.message.includes(code.trim()) ? result.message : result.message + code);
+}
+
+/** What speaks against the document. */
+function objections({ judged }) {
+  const bad = judged?.checks.filter(({ verdict: found }) => found === 'bad') ?? [];
+  if (bad.length === 0) return null;
+  return h('p', { class: 'verdict failed', role: 'status' }, `Do not trust this document: ${counted(bad.length, 'check')} failed (${bad.map(({ name }) => name).join(', ')}).`);
 }
 
 // --- the document ------------------------------------------------------------------------------------------------------
@@ -124,7 +132,7 @@ function stepRow(step, partsOf) {
   return h('li', { class: `step ${lane}${good ? '' : ' wrong'}`, id: `step-${n}` },
     h('details', { 'data-step': parts ? null : n, 'data-lane': lane },
       h('summary', {}, h('span', { class: 'at' }, duration(at)), h('span', { class: 'name' }, h('b', {}, name), ' ', h('span', { class: 'purpose' }, purpose), good ? null : h('span', { class: 'bad' }, ` ${words}`)),
-        h('span', { class: 'size' }, `${number(sent)} → ${number(received)}`), h('span', { class: `status ${good ? 'good' : 'bad'}` }, status || (ms === null ? '…' : lane === 'chip' ? 'none' : words)),
+        h('span', { class: 'size' }, `${number(sent)} → ${number(received)}`), h('span', { class: `status ${good ? 'good' : 'bad'}` }, status || (ms === null ? '…' : lane === 'server' ? words : good ? '–' : 'none')),
         h('span', { class: 'took' }, ms === null ? '…' : duration(ms))),
       note ? h('p', { class: 'note' }, note) : null, h('div', { class: 'detail' }, parts ? partsView(parts, lane) : null)));
 }
@@ -175,7 +183,7 @@ function differencesSection({ differences, twin }) {
 
 /** The whole of a read that is over. `partsOf` gives the parts of a step, when they are all at hand. */
 export function readView(read, partsOf) {
-  return [heading(read), verdict(read), documentSection(read), checksSection(read), timelineSection(read), stepsSection(read, partsOf),
+  return [heading(read), verdict(read), objections(read), documentSection(read), checksSection(read), timelineSection(read), stepsSection(read, partsOf),
     differencesSection(read), monitorSection(read)].filter(Boolean);
 }
 

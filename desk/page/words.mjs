@@ -29,7 +29,7 @@ export const SOURCES = { simulated: 'simulated', reader: 'on a USB reader', phon
 const kHolder = {
   surname: 'Surname', givenNames: 'Given names', fullName: 'Full name', nameInZone: 'Name in the zone', otherNames: 'Other names',
   documentType: 'Document type', issuer: 'Issuing state', documentNumber: 'Document number', nationality: 'Nationality', birthDate: 'Date of birth',
-  fullBirthDate: 'Full date of birth', sex: 'Sex', expiryDate: 'Date of expiry', personalNumber: 'Personal number', placeOfBirth: 'Place of birth',
+  fullBirthDate: 'Date of birth', sex: 'Sex', expiryDate: 'Date of expiry', personalNumber: 'Personal number', placeOfBirth: 'Place of birth',
   address: 'Address', telephone: 'Telephone', profession: 'Profession', title: 'Title', summary: 'Personal summary', optionalData: 'Optional data',
   optionalData2: 'More optional data', names: 'Names', composite: 'The zone as a whole', authority: 'Issuing authority', issuingAuthority: 'Issuing authority', issueDate: 'Date of issue', name: 'Name',
   nation: 'Ethnic group', idNumber: 'Identity number', validFrom: 'Valid from', validTo: 'Valid to', custody: 'Custody information',
