@@ -4,21 +4,22 @@
 
 #include "core/result_code.h"
 #include "harness.hpp"
-#include "protocol/protocol_key.h"
 
 namespace fuzz {
 
-inline Bytes unseal(View sealed, const uint8_t* key) {
-  Bytes plain(sealed.size());
-  const int32_t len = TQ_sm4Decrypt(sealed.data(), static_cast<int32_t>(sealed.size()), key, 0, plain.data());
-  require(len >= 0);
-  plain.resize(static_cast<size_t>(len));
-  return plain;
+// What a reader sent sealed must open.
+inline Bytes opened(View sealed, const uint8_t* key) {
+  const std::optional<Bytes> plain = unseal(sealed, key);
+  require(plain.has_value());
+  return *plain;
 }
 
-inline size_t number(View bytes) {
-  return std::accumulate(bytes.begin(), bytes.end(), size_t{0},
-                         [](size_t n, uint8_t b) { return n << 8 | b; });
+// A key and the vector that belongs to it.
+inline std::array<uint8_t, 32> key_block(View key) {
+  std::array<uint8_t, 32> block;
+  const Bytes both = bytes_of(key) + View(test::folded_vector(bytes_of(key)));
+  std::copy(both.begin(), both.end(), block.begin());
+  return block;
 }
 
 enum class Reply : uint8_t { kGood, kNone, kStatus, kSealed, kPayload, kRaw };
@@ -76,11 +77,13 @@ class DecodeServer {
   // Which command it is. Its frame is looked at, and what is encrypted in it.
   size_t open(View request) {
     require(request.size() > 14 && request[0] == 0x72);
-    const auto has_code = [&](uint32_t c) { return number(request.subspan(1 + length_width(c), 2)) == c; };
+    const auto has_code = [&](uint32_t c) {
+      return number(request.subspan(1 + test::length_width(c), 2)) == c;
+    };
     const auto found = std::find_if(std::begin(kCommands), std::end(kCommands), has_code);
     require(found != std::end(kCommands));
     const uint32_t command = *found;
-    const size_t width = length_width(command);
+    const size_t width = test::length_width(command);
     require(number(request.subspan(1, width)) == request.size());
     require(number(request.subspan(3 + width, 2)) == 9);
     require(sum(request.subspan(1, request.size() - 2)) == request.back());
@@ -95,7 +98,7 @@ class DecodeServer {
     }
     if (command == 0x7219) {
       require(type == 0x19 && (has_prefix(body, token_) || has_prefix(body, {})));
-      const Bytes block = unseal(body.subspan(16), key_.data());
+      const Bytes block = opened(body.subspan(16), key_.data());
       require(number(View(block).first(2)) == block.size());
       require(sum(View(block).first(block.size() - 1)) == block.back());
     }
@@ -109,18 +112,15 @@ class DecodeServer {
   // The fresh key stands at the end, under the environment's.
   void take_authentication(View body, uint8_t type) {
     require(type == 0xA8 && body.size() > 53);
-    uint8_t environment[32];
-    TQ_getSm4PubulicKey(268, environment);
-    TQ_sm4InitIv(environment, environment + 16);
-    const Bytes envelope = unseal(body.last(32), environment);
+    static const auto environment = key_block(test::from_hex("DE0E10900000000000000000DEC0D268"));
+    const Bytes envelope = opened(body.last(32), environment.data());
     require(envelope.size() == 19 && envelope[1] == 19);
-    std::copy_n(envelope.begin() + 2, 16, key_.begin());
-    TQ_sm4InitIv(key_.data(), key_.data() + 16);
-    unseal(body.first(body.size() - 32).subspan(21), key_.data());
+    key_ = key_block(View(envelope).subspan(2, 16));
+    opened(body.first(body.size() - 32).subspan(21), key_.data());
   }
 
   void check_secret(uint32_t command, uint8_t type, View sealed) const {
-    const Bytes frame = unseal(sealed, key_.data());
+    const Bytes frame = opened(sealed, key_.data());
     require(type == 0xAA && frame.size() > 12);
     require(frame == secret_frame(command, View(frame).first(frame.size() - 3).subspan(9)));
   }

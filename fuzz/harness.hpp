@@ -3,19 +3,21 @@
 #pragma once
 
 #include <algorithm>
-#include <array>
+#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 #include <memory>
 #include <numeric>
+#include <optional>
 #include <span>
+#include <string>
 #include <vector>
 
-#include "crypto/sm4_padding.h"
+#include "protocol/server_frames.hpp"
 
 namespace fuzz {
 
-using Bytes = std::vector<uint8_t>;
+using test::Bytes;
 using View = std::span<const uint8_t>;
 
 inline void require(bool condition) {
@@ -74,20 +76,24 @@ class Choices {
 
 // Key 00..0F, vector 10..1F.
 inline const uint8_t* work_key() {
-  static const auto key = [] {
-    std::array<uint8_t, 32> bytes{};
+  static const Bytes key = [] {
+    Bytes bytes(32);
     std::iota(bytes.begin(), bytes.end(), uint8_t{0});
     return bytes;
   }();
   return key.data();
 }
 
+inline Bytes bytes_of(View view) {
+  return {view.begin(), view.end()};
+}
+
+// SM4-CBC by OpenSSL. `key` is a key and its vector; see test::unseal for what is refused.
 inline Bytes seal(View plain, const uint8_t* key = work_key()) {
-  Bytes bytes(plain.begin(), plain.end());
-  bytes.resize(plain.size() + 16);
-  TQ_sm4Encrypt(bytes.data(), static_cast<int32_t>(plain.size()), key, 0, bytes.data());
-  bytes.resize(plain.size() / 16 * 16 + 16);
-  return bytes;
+  return test::seal(bytes_of(plain), bytes_of({key, 16}), bytes_of({key + 16, 16}));
+}
+inline std::optional<Bytes> unseal(View sealed, const uint8_t* key = work_key()) {
+  return test::unseal(bytes_of(sealed), bytes_of({key, 16}), bytes_of({key + 16, 16}));
 }
 
 inline uint8_t sum(View bytes) {
@@ -126,38 +132,73 @@ inline Bytes security_object(View hashes) {
   return element(0x77, element(0x30, type + element(0xA0, element(0x30, number + Bytes{0x31, 0} + content))));
 }
 
-inline size_t length_width(uint32_t command) {
-  return command == 0x7201 || command == 0x7202 ? 4 : 2;
-}
-
 // A response that says success, unless it has a status.
 inline Bytes response_frame(uint8_t header, uint32_t command, uint8_t type, uint32_t parameter, View payload,
                             uint32_t status = 0) {
-  const size_t width = length_width(command);
-  Bytes frame = {header};
-  append_number(frame, payload.size() + 10 + width, width);
-  append_number(frame, command, 2);
-  append_number(frame, status, 3);
-  append_number(frame, parameter, 2);
-  frame.push_back(type);
-  append(frame, payload);
-  frame.push_back(sum(View(frame).subspan(1)));
-  return frame;
+  return test::response_frame({.command = command,
+                               .payload = bytes_of(payload),
+                               .header = header,
+                               .type = type,
+                               .parameter = parameter,
+                               .status = test::be(status, 3)});
 }
 
 inline Bytes secret_frame(uint32_t command, View data) {
-  const size_t width = length_width(command);
-  Bytes frame(3, 0xFF);
-  append_number(frame, data.size() + 8 + width, width);
-  append_number(frame, command, 2);
-  append(frame, data);
-  frame.push_back(sum(View(frame).subspan(3)));
-  return frame + Bytes{0xFE, 0xFE};
+  return test::secret_frame(command, bytes_of(data));
 }
 
-// Codes that a response parser may return beside a length: a malformed frame, or six status digits.
-inline void require_status(int32_t code) {
-  require(code < 0 && code >= -999999);
+inline size_t number(View bytes) {
+  return std::accumulate(bytes.begin(), bytes.end(), size_t{0},
+                         [](size_t n, uint8_t b) { return n << 8 | b; });
+}
+
+// What the status digits of an answer come to.
+inline int32_t status_of(View status) {
+  std::string digits = test::hex(status);
+  std::replace(digits.begin(), digits.end(), 'f', '0');
+  const long value = std::strtol(digits.c_str(), nullptr, 10);
+  return value == 0 ? -1 : static_cast<int32_t>(-value);
+}
+
+// The payload of a response, decrypted where it should be, or the code that it comes to.
+struct Opened {
+  int32_t code = -1;
+  Bytes payload = {};
+  uint32_t parameter = 0;
+};
+inline Opened open_response(View frame, uint8_t header, uint32_t command, uint8_t type,
+                            const uint8_t* key = work_key()) {
+  const size_t width = test::length_width(command);
+  const bool authenticates = command == 0x7500 || command == 0x7100;
+  if (frame.size() < 6 + width || frame[0] != header || number(frame.subspan(1, width)) != frame.size())
+    return {};
+  const View fields = frame.subspan(1 + width);  // command, status, parameter, type
+  const int32_t status = status_of(fields.subspan(2, 3));
+  const size_t code = number(fields.first(2));
+  if (code != command) return {authenticates && code == 0xFFFF ? status : -1};
+  if (number(fields.subspan(2, 3)) != 0) return {status};
+  if (fields.size() < 10 || number(fields.subspan(5, 2)) < 8 || fields[7] != type) return {};
+  if (sum(frame.subspan(1, frame.size() - 2)) != frame.back()) return {};
+  const View payload = fields.subspan(8, fields.size() - 9);
+  const bool flagged = type == 0x99 && !authenticates;
+  std::optional<Bytes> plain = bytes_of(payload);
+  if (flagged && payload[0] == 1) {
+    plain = unseal(payload.subspan(1), key);
+    if (plain) plain->insert(plain->begin(), 1);
+  } else if (!flagged && !authenticates) {
+    plain = unseal(payload, key);
+  }
+  if (!plain) return {};
+  return {static_cast<int32_t>(plain->size()), *plain, static_cast<uint32_t>(number(fields.subspan(5, 2)))};
+}
+
+// The data of a secret frame; nothing when it is not whole.
+inline std::optional<Bytes> open_secret(View frame, uint32_t command) {
+  const size_t around = 8 + test::length_width(command);
+  if (frame.size() <= around) return std::nullopt;
+  const Bytes data = bytes_of(frame.subspan(around - 3, frame.size() - around));
+  if (bytes_of(frame) != test::secret_frame(command, data)) return std::nullopt;
+  return data;
 }
 
 }  // namespace fuzz

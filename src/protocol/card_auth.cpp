@@ -72,10 +72,11 @@ int32_t take_card_command(std::span<const uint8_t> frame, uint32_t command, Work
   const auto plain = secret.bytes().first(static_cast<size_t>(secret_len));
   const int32_t len = open_secret_frame(plain, rule.answer, plain);
   if (len < 0) return len;
+  if (rule.prefix.size() + static_cast<size_t>(len) > out.size()) return TQ_FAILED;
   ByteWriter w(out);
   w.bytes(rule.prefix);
   w.bytes(plain.first(static_cast<size_t>(len)));
-  return w.ok() ? static_cast<int32_t>(w.size()) : TQ_FAILED;
+  return static_cast<int32_t>(w.size());
 }
 
 }  // namespace tq
