@@ -16,7 +16,7 @@ const kSoon = SANITIZED ? 500 : 20; // ms for a cancel to end an exchange
 describe('passport: reads that are broken off', { concurrency: 4 }, () => {
   testReads('passport: cancel', [
     ...['SELECT APPLICATION', 'READ DG15', 'READ DG2', 'INTERNAL AUTHENTICATE'].map((on) => ({ name: `while the chip works on ${on}: ends with its answer`,
-      trigger: { on, do: 'cancel1', after: 30 }, silent: true, waiting: true, cardRules: [{ on, nth: 1, do: 'delay', ms: 150 }] })),
+      trigger: { on, do: 'cancel1', after: 1 }, silent: true, waiting: true, cardRules: [{ on, nth: 1, do: 'delay', ms: 60 }] })),
     ...kSteps.flatMap((on) => [{ do: 'status' }, { do: 'answer', data: '6A82' }].map((rule) => ({
       name: `while the chip works on ${on}: ends when it fails, ${rule.do}`, trigger: { on, do: 'cancel1' }, silent: true, cardRules: [{ on, nth: 1, ...rule }] }))),
     { name: 'in the same moment as the start', trigger: { on: 'at once', do: 'cancel1' }, silent: true },

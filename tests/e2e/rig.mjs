@@ -98,13 +98,7 @@ export class App {
       result: 'registerResultCallback' };
     const twisted = Object.entries(registrations).map(([kind, name]) => [name,
       (fn) => this.exports[name]((...args) => (this.twist[kind] ? this.twist[kind](fn, ...args) : fn(...args)))]);
-    const handler = (text, serial, status) => {
-      const times = this.seen.commands.filter(({ name }) => name === this.badFirst?.on).length;
-      if (times === this.badFirst?.nth && this.seen.commands.at(-1).name === this.badFirst.on) this.exports.passportHandler('6982', serial, 0);
-      this.exports.passportHandler(text, serial, status);
-    };
-    this.reader.module = Object.create(this.exports, Object.fromEntries([...twisted, ['passportHandler', handler]].map(
-      ([name, value]) => [name, { value }])));
+    this.reader.module = Object.create(this.exports, Object.fromEntries(twisted.map(([name, value]) => [name, { value }])));
     this.reader.on('command', ({ name, command, serial }) => {
       this.now += this.tick[name] ?? this.tick.card ?? 0;
       this.#saw('commands', { name, command, serial });
@@ -129,13 +123,12 @@ export class App {
    *   passport  options of `passportOf`: then a passport is read; an identity card is at hand as well
    *   kind      'card': the identity card is read first although there is a passport
    *   chip      settings of the chip;  claims: what the application says of the passport, when it is not what is so
-   *   expects   see `expectationOf`;  badFirst { on, nth }: a refusal comes in front of this answer of the chip
+   *   expects   see `expectationOf`
    */
-  async open({ identity, server = {}, secrets, cardRules = [], tick = {}, passport, kind, chip, claims, expects, badFirst } = {}) {
+  async open({ identity, server = {}, secrets, cardRules = [], tick = {}, passport, kind, chip, claims, expects } = {}) {
     const who = { ...DEFAULT_IDENTITY, ...identity };
     this.kind = kind ?? (passport ? 'passport' : 'card');
     this.readMode = who.readMode;
-    this.badFirst = badFirst;
     this.card = new IdentityCard(secrets);
     this.card.on('difference', ({ message }) => this.#saw('differences', message));
     this.links = { card: new CardLink(this.card) };
@@ -202,10 +195,10 @@ export class App {
     const seen = this.watch();
     const began = Date.now();
     let triggered;
-    let waiting = false; // is the worker there a while after the trigger?
+    let waiting = false; // is the worker there when the answer comes that was outstanding at the trigger?
     const pull = () => {
       triggered = performance.now();
-      setTimeout(() => { waiting = !this.idle; }, 60);
+      this.reader.once('step', () => { waiting = !this.idle; });
       for (let times = trigger.times ?? 1; times > 0; times -= 1) {
         if (trigger.do in kStarts) this.start(kStarts[trigger.do]);
         else if (trigger.do in kCancels) this.reader.cancel(kCancels[trigger.do]);
@@ -253,7 +246,6 @@ export class App {
   async goodRead(kind = this.kind) {
     this.twist = {};
     this.link.setRules([]);
-    this.badFirst = undefined;
     const passport = kind === 'passport' ? passportOf(kAfterwards) : undefined;
     if (passport) this.#layPassport(passport);
     this.server.update({ rules: [], answers: {}, delay: 0, opaqueLength: 0, path: undefined,

@@ -129,11 +129,11 @@ export async function lateServer({ ms, trigger }) {
   return outcome;
 }
 
-/** Passport reads whose chips misbehave by these rules: codes of the results of each, and of a good read that follows. */
-export async function misbehavedReads(lists) {
+/** Reads of this passport by chips that misbehave by these rules: codes of the results of each, and of a good read that follows. */
+export async function misbehavedReads({ lists, passport }) {
   const rows = [];
   for (const cardRules of lists) {
-    await app.open({ passport: { brief: true }, expects: null, chip: { order: 'any' }, server: { monitorText: 'any' }, cardRules });
+    await app.open({ passport, expects: null, chip: { order: 'any' }, server: { monitorText: 'any' }, cardRules });
     const { results, ended } = await app.read();
     const { results: again } = await app.goodRead();
     await app.close();

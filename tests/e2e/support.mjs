@@ -150,7 +150,7 @@ function monitorText(expected, outcome) {
  *   last          [server command before the monitor record, card command] that came last
  *   start         what the first reading of the clock gave, when not the time
  *   reports       texts that the server got, when not the monitor record
- *   waiting       the worker is there a while after the trigger
+ *   waiting       the worker is there when the answer comes that was outstanding at the trigger
  *   connections   how many there were
  *   sod           text about the files of a passport, when not the usual one
  *   ends          kind of the read that came to an end, when not the first

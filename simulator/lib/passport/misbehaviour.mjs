@@ -27,8 +27,8 @@ const wrongLe = (rule, le) => (rule.status === '6C' ? `6C${hex(u8(le))}` : '6700
 
 const ACTIONS = {
   statusWord: (reply, rule) => refusal(reply, rule, rule.status),
-  warning: (reply, rule) => ({ ...reply, status: rule.status ?? '6281' }),
-  mostLe: (reply, rule, le) => (le === undefined || (le !== 0 && le <= rule.le) ? reply : refusal(reply, rule, wrongLe(rule, rule.le))),
+  warning: (reply, rule) => ({ ...reply, status: rule.status ?? '6281', counted: rule.counted ?? reply.counted }),
+  mostLe: (reply, rule, le) => (le === undefined || reply.signature || (le !== 0 && le <= rule.le) ? reply : refusal(reply, rule, wrongLe(rule, rule.le))),
   exactLe: (reply, rule, le) => (le === rule.le ? reply : refusal(reply, rule, wrongLe(rule, rule.le))),
   loseSession: (reply, rule) => ({ ...reply, status: rule.status ?? '6988', data: kNothing, isProtected: false,
     counted: false, ends: true }),
