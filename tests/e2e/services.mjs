@@ -2,6 +2,7 @@
 // servers are in the process of the tests.
 
 import { once } from 'node:events';
+import { setTimeout as sleep } from 'node:timers/promises';
 import { Worker } from 'node:worker_threads';
 import { app, LIBRARY, numDescriptors, numThreads } from './rig.mjs';
 
@@ -60,12 +61,8 @@ export const numbers = () => ({ descriptors: numDescriptors(), threads: numThrea
 export function oddServiceArguments({ location }) {
   const wrong = [];
   const check = (name, args, allowed) => {
-    try {
-      const value = app.exports[name](...args);
-      if (!allowed.includes(value)) wrong.push(`${name}(${args.map((arg) => typeof arg)}): ${value}`);
-    } catch (error) {
-      wrong.push(`${name}: ${error.message}`);
-    }
+    const value = app.exports[name](...args);
+    if (!allowed.includes(value)) wrong.push(`${name}(${args.map((arg) => typeof arg)}): ${value}`);
   };
   const codes = [-13003, -13009, -20003, -20004, -22003];
   for (const odd of Object.values(kOthers)) {
@@ -78,48 +75,50 @@ export function oddServiceArguments({ location }) {
   return wrong;
 }
 
-/** The same calls in `asking` each, in threads of their own and here, all at the same time: the values of each. */
-export async function askInThreads({ asking, rounds }) {
+/** A thread that has loaded the library; told to go, it asks `rounds` times, and says so each time; then it gives its answers. */
+async function askingThread(args, { rounds = 1, exits = false } = {}) {
   const program = `
-    const { workerData: { library, args, rounds }, parentPort } = require('node:worker_threads');
+    const { workerData: { library, args, rounds, exits }, parentPort } = require('node:worker_threads');
     const module = { exports: {} };
     process.dlopen(module, library);
-    parentPort.postMessage('loaded');
+    const now = () => (exits ? process.exit() : (parentPort.postMessage('asked'), Date.now()));
     parentPort.once('message', () => {
-      const values = Array.from({ length: rounds }, () => module.exports.getDeviceNFCLocation(...args, Date.now));
-      parentPort.postMessage(values);
-    });`;
-  const start = (args) => new Worker(program, { eval: true, workerData: { library: LIBRARY, args, rounds } });
-  const [mine, ...theirs] = asking;
-  const workers = theirs.map(start);
-  await Promise.all(workers.map((worker) => once(worker, 'message')));
-  const answers = workers.map((worker) => once(worker, 'message').then(([values]) => values));
-  const ends = workers.map((worker) => once(worker, 'exit'));
-  workers.forEach((worker) => worker.postMessage('go'));
+      parentPort.postMessage(Array.from({ length: rounds }, () => module.exports.getDeviceNFCLocation(...args, now)));
+    });
+    parentPort.postMessage('loaded');`;
+  const worker = new Worker(program, { eval: true, workerData: { library: LIBRARY, args, rounds, exits } });
+  await once(worker, 'message');
+  const answers = new Promise((resolve) => { worker.on('message', (message) => Array.isArray(message) && resolve(message)); });
+  return { worker, answers, ended: once(worker, 'exit') };
+}
+
+/** The same calls in `asking` each, in threads of their own and here, all at the same time: the values of each. */
+export async function askInThreads({ asking: [mine, ...theirs], rounds }) {
+  const threads = await Promise.all(theirs.map((args) => askingThread(args, { rounds })));
+  threads.forEach(({ worker }) => worker.postMessage('go'));
   const own = Array.from({ length: rounds }, () => app.exports.getDeviceNFCLocation(...mine, Date.now));
-  const values = [own, ...await Promise.all(answers)];
-  await Promise.all(ends);
+  const values = [own, ...await Promise.all(threads.map(({ answers }) => answers))];
+  await Promise.all(threads.map(({ ended }) => ended));
   return values;
 }
 
-/** Ends a thread: from inside its time function (`how` 'exit'), or while its call waits for the server ('terminate'). */
+/**
+ * Ends a thread from inside its time function; or while its call waits for the server, by `terminate` or with the whole
+ * process, whose code is 7 then. The milliseconds until it has ended.
+ */
 export async function endAskingThread({ location, how }) {
-  const program = `
-    const { workerData: { library, args, how }, parentPort } = require('node:worker_threads');
-    const module = { exports: {} };
-    process.dlopen(module, library);
-    module.exports.getDeviceNFCLocation(...args, () => {
-      if (how === 'exit') process.exit();
-      parentPort.postMessage('asked');
-      return 1;
-    });`;
-  const worker = new Worker(program, { eval: true, workerData: { library: LIBRARY, args: location, how } });
-  const ended = once(worker, 'exit');
-  if (how === 'terminate') {
+  const inside = how.startsWith('inside');
+  const { worker, ended } = await askingThread(location, { exits: inside });
+  worker.postMessage('go');
+  if (!inside) {
     await once(worker, 'message');
-    worker.terminate();
+    await sleep(300); // it has come to the server
+    if (how === 'process.exit') process.exit(7);
   }
+  const began = performance.now();
+  if (!inside) worker.terminate();
   await ended;
+  return performance.now() - began;
 }
 
 /** A card read that asks both services in front of each of these answers of the card. */
