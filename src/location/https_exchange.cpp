@@ -8,7 +8,6 @@
 #include <span>
 #include <string_view>
 
-#include "location/answer_id.hpp"
 #include "location/http_response.hpp"
 #include "location/https_exchange.hpp"
 #include "net/ipv4.hpp"
@@ -26,10 +25,8 @@ constexpr int64_t kExchangeLimitMs = 30'000;
 constexpr size_t kLongestRequest = 1 << 20;
 constexpr std::string_view kPath = "/orvoCloud/nfc/getPlace";
 constexpr size_t kHttpHeaderRoom = 256;
+constexpr size_t kMaxIdLen = 63;  // of an answer's sessionId
 constexpr uint32_t kLogHex = 2;
-
-// Nothing here needs a destructor: the thread may be on its way out.
-constinit thread_local AnswerId t_answer_id{};
 
 // 1.7 times the request and what goes around it, as Base64 and JSON need it.
 constexpr size_t room_for(size_t request_len, size_t around) {
@@ -112,12 +109,9 @@ void put(ByteWriter& w, int number) {
   if (!text) return false;
   const int32_t text_len = scpBASE64encode(request.data(), static_cast<int32_t>(request.size()), chars(text),
                                            static_cast<int32_t>(text.size()));
-  t_answer_id.fill('\0');
   put(w, R"({"data":")");
   put(w, {chars(text), static_cast<size_t>(text_len)});
-  put(w, R"(","sessionId":")");
-  put(w, t_answer_id.data());
-  put(w, R"("})");
+  put(w, R"(","sessionId":""})");
   return w.ok();
 }
 
@@ -162,13 +156,12 @@ bool fetch(const ScpContext& context, std::span<const uint8_t> request, Response
   return true;
 }
 
-// The data of a response's body; its id is kept.
+// The data of a response's body, which has an id, too.
 std::optional<std::string_view> read_members(std::string_view body) {
   if (!is_braced(body)) return std::nullopt;
   const auto id = find_json_value(body, "sessionId", JsonValue::kText);
   const auto data = find_json_value(body, "data", JsonValue::kText);
-  if (!id || !data || id->size() >= t_answer_id.size()) return std::nullopt;
-  std::copy(id->begin(), id->end(), t_answer_id.begin());
+  if (!id || !data || id->size() > kMaxIdLen) return std::nullopt;
   return data;
 }
 
@@ -191,10 +184,6 @@ int32_t exchange(const ScpContext& context, std::span<const uint8_t> request, st
 }
 
 }  // namespace
-
-AnswerId& last_answer_id() {
-  return t_answer_id;
-}
 
 int32_t exchange_by_https(const ScpContext& context, std::span<const uint8_t> request,
                           std::span<uint8_t> answer) {

@@ -17,11 +17,6 @@
 
 namespace test {
 
-inline int64_t steady_ms() {
-  using namespace std::chrono;
-  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
-
 inline void sleep_ms(int ms) {
   std::this_thread::sleep_for(std::chrono::milliseconds(ms));
 }
@@ -45,22 +40,10 @@ class Peer {
     bytes.resize(got);
     return bytes;
   }
-  // One short-form frame.
-  Bytes read_frame() const {
-    Bytes frame = read(3);
-    if (frame.size() < 3) return frame;
-    const Bytes rest = read((size_t{frame[1]} << 8 | frame[2]) - 3);
-    frame.insert(frame.end(), rest.begin(), rest.end());
-    return frame;
-  }
   void write(const Bytes& bytes) const {
     if (!bytes.empty()) {
       EXPECT_EQ(send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
     }
-  }
-  // False when the client has gone already.
-  bool offer(const Bytes& bytes) const {
-    return send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
   }
   // Sleeps until the client closes its end.
   void wait_for_end() const { EXPECT_TRUE(read(1).empty()); }
@@ -73,6 +56,7 @@ class LoopbackServer {
  public:
   using Script = std::function<void(const Peer&)>;
 
+  // Without listening it refuses every connection.
   explicit LoopbackServer(Script script = {}, bool listening = true) : script_(std::move(script)) {
     fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
@@ -82,17 +66,7 @@ class LoopbackServer {
     EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr*>(&address), size), 0);
     EXPECT_EQ(getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &size), 0);
     port_ = ntohs(address.sin_port);
-    if (listening) start();
-  }
-  ~LoopbackServer() {
-    finish();
-    close(fd_);
-  }
-  LoopbackServer(const LoopbackServer&) = delete;
-  LoopbackServer& operator=(const LoopbackServer&) = delete;
-
-  // Until this is called a server made without listening refuses every connection.
-  void start() {
+    if (!listening) return;
     EXPECT_EQ(listen(fd_, 16), 0);
     thread_ = std::thread([this] {
       for (int fd = accept(fd_, nullptr, nullptr); fd >= 0; fd = accept(fd_, nullptr, nullptr)) {
@@ -101,12 +75,13 @@ class LoopbackServer {
       }
     });
   }
-
-  // Accepts no more, and waits until the client that is being served has gone.
-  void finish() {
-    shutdown(fd_, SHUT_RDWR);
+  ~LoopbackServer() {
+    shutdown(fd_, SHUT_RDWR);  // accepts no more; the client that is being served goes first
     if (thread_.joinable()) thread_.join();
+    close(fd_);
   }
+  LoopbackServer(const LoopbackServer&) = delete;
+  LoopbackServer& operator=(const LoopbackServer&) = delete;
 
   uint16_t port() const { return port_; }
 
