@@ -14,7 +14,7 @@ const kWords = {
   withoutDg15: 'No key for active authentication', dg15Missing: 'DG15 listed but missing', dg3Refused: 'Finger prints: SELECT refused',
   dg3Unreadable: 'Finger prints: READ refused', protectedRefusals: 'Refuses under secure messaging', dg1Refused: 'Keeps its zone to itself',
   dg2Refused: 'Keeps its portrait to itself', sodMissing: 'No EF.SOD', sodLengths81: 'EF.SOD with 81 lengths',
-  sodLengths82: 'EF.SOD with 82 lengths', sodTwoByteTags: 'EF.SOD with two-byte tags', sodOtherTag: 'EF.SOD in another tag',
+  sodLengths82: 'EF.SOD with 82 lengths', paceAlone: 'PACE alone', paceToo: 'PACE beside Basic Access Control', sodTwoByteTags: 'EF.SOD with two-byte tags', sodOtherTag: 'EF.SOD in another tag',
   onlyMandatory: 'Only DG1 and DG2', allGroups: 'All sixteen data groups', otherOrder: 'Groups in another order', bigPortrait: 'Portrait of 40 kB',
 };
 
@@ -39,7 +39,8 @@ const lower = (words) => words.replace(/^[A-Z](?=[a-z ])/, (letter) => letter.to
 export const PASSPORT_KINDS = [...Object.keys(PERSONAS).map((name) => [name, inWords(name)]),
   ...Object.entries(kForged).map(([name, { words }]) => [name, words])];
 
-/** What can be made to go wrong: `rules` of link and chip, `server` rules of the decode server, other `printed` data. */
+/** What can be made to go wrong: `rules` of link and chip, `server` rules of the decode server, other `printed`
+ *  data; `unsigned`: the server must not expect that the chip proves itself. */
 export const MISBEHAVIOURS = {
   passport: {
     wrongPrinted: { words: 'The printed data are another passport’s', printed: { documentNumber: 'OTHER0001' } },
@@ -48,7 +49,7 @@ export const MISBEHAVIOURS = {
     lostSession: { words: 'The chip forgets the session', rules: [{ on: 'READ EF.SOD', nth: 2, do: 'loseSession' }] },
     shortAnswers: { words: 'Short answers', rules: Array.from({ length: 6 }, (_, i) => ({ on: 'READ DG2', nth: 3 + 2 * i, do: 'shortData', count: 100 })) },
     slowChip: { words: 'Hesitates for two seconds', rules: [{ on: 'READ DG1', nth: 1, do: 'delay', ms: 2000 }] },
-    noSignature: { words: 'Does not sign the challenge', rules: [{ on: 'INTERNAL AUTHENTICATE', do: 'statusWord', status: '6A88' }] },
+    noSignature: { words: 'Does not sign the challenge', unsigned: true, rules: [{ on: 'INTERNAL AUTHENTICATE', do: 'statusWord', status: '6A88' }] },
     serverRefuses: { words: 'The server refuses the files', server: [{ on: '0x7202', do: 'status', status: '001301' }] },
     serverSlow: { words: 'The server takes three seconds', server: [{ on: '0x7202', do: 'delay', ms: 3000 }] },
     serverHangsUp: { words: 'The server hangs up', server: [{ on: '0x7201', do: 'close' }] },
@@ -97,5 +98,5 @@ export function makeDocument({ document, passportKind = 'usual', misbehaviour = 
   const server = { document, passport: forged ? undefined : expectedPassport(passport) };
   return { kind: document, title: `Passport${unusual}${also}`,
     read: { ...read, printed: { ...read.printed, ...wrong.printed }, rules: wrong.rules ?? [] },
-    server: { ...server, rules: wrong.server ?? [] }, ...(wrong.words && { usual: { read, server } }) };
+    server: { ...server, ...(wrong.unsigned && { passport: { ...server.passport, verification: {} } }), rules: wrong.server ?? [] }, ...(wrong.words && { usual: { read, server } }) };
 }

@@ -2,7 +2,7 @@
 
 import { DecodeServer } from '../../simulator/lib/decode-server/server.mjs';
 import { FrameListener } from './apart/frame-listener.mjs';
-import { Record } from './record.mjs';
+import { Record, answerWith } from './record.mjs';
 
 const kPatience = 10 * 60 * 1000; // ms for a person to hold a passport to the phone; then the read counts as given up
 const kHeaderPassport = 0x72;
@@ -10,7 +10,7 @@ const kHeaderPassport = 0x72;
 /** @returns {Promise<{host: string, port: number, stop: Function}>} */
 export async function listenForPhones(store, { keys, env, host, port, trust }) {
   const key = keys[env];
-  const server = new DecodeServer({ keys, envIdCode: env, host, port, monitorText: 'record' });
+  const server = new DecodeServer({ keys, envIdCode: env, host, port, monitorText: 'record', judge: answerWith(trust) });
   const frames = new FrameListener(key);
   const records = new Map(); // by conversation
   const conversations = new Map(); // by connection

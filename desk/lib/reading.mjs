@@ -4,7 +4,7 @@ import { fork } from 'node:child_process';
 import { fileURLToPath } from 'node:url';
 import { DecodeServer } from '../../simulator/lib/decode-server/server.mjs';
 import { DEFAULT_IDENTITY, expectedPersona } from '../../simulator/lib/persona.mjs';
-import { Record } from './record.mjs';
+import { Record, answerWith } from './record.mjs';
 
 const kReader = fileURLToPath(new URL('children/reader.mjs', import.meta.url));
 const kEnd = 'The reader process has ended early; does the library load?';
@@ -19,7 +19,7 @@ const kEnd = 'The reader process has ended early; does the library load?';
 export function startReading(about, { library, keys, read, server: settings = {} }) {
   const { envIdCode } = DEFAULT_IDENTITY;
   const record = new Record({ ...about, key: keys[envIdCode], printed: read.printed });
-  const server = new DecodeServer({ persona: expectedPersona(DEFAULT_IDENTITY), ...settings, keys, envIdCode });
+  const server = new DecodeServer({ persona: expectedPersona(DEFAULT_IDENTITY), ...settings, keys, envIdCode, judge: answerWith(about.trust) });
   server.on('exchange', (exchange) => record.exchange(exchange));
   server.on('difference', (difference) => record.differ({ by: 'server', ...difference.toJSON() }));
   const cancel = { now: () => {} };

@@ -11,6 +11,7 @@ import { PassportListener } from './apart/passport-listener.mjs';
 
 const kNothing = Buffer.alloc(0);
 const kGood = '9000';
+const kHarmless = ['delay', 'pieces', 'trickle']; // what is done to an answer that stays a good one
 const kFileIds = { 'EF.COM': 0x011e, 'EF.SOD': 0x011d, ...Object.fromEntries(Array.from({ length: 16 }, (_, i) => [`DG${i + 1}`, 0x0101 + i])) };
 const round = (ms) => Math.round(ms * 10) / 10;
 
@@ -111,10 +112,11 @@ export class Record extends EventEmitter {
     this.#frames.push({ n, connection, request, response });
     const status = statusOf(request, response, code);
     const good = status === '000000';
-    const words = !response ? 'no answer' : good ? 'success' : `status ${status}`;
+    const spoiled = rules?.some((rule) => !kHarmless.includes(rule)) && good;
+    const words = !response ? 'no answer' : spoiled ? 'spoiled' : good ? 'success' : `status ${status}`;
     const note = rules?.length > 0 ? `On purpose: ${rules.join(', ')}.` : undefined;
     this.#put({ n, lane: 'server', name: `0x${code}`, purpose: SERVER_PURPOSES[code] ?? '', at: this.#at(receivedAt),
-      ms: round((answeredAt ?? Date.now()) - receivedAt), good: good && !exchange.difference, words, sent: request.length,
+      ms: round((answeredAt ?? Date.now()) - receivedAt), good: good && !spoiled && !exchange.difference, words, sent: request.length,
       received: response?.length ?? 0, note });
     if (code === '7500' && fields) this.device = fields.sn;
     if (code === '7202' && fields) this.#filesCame(fields);
@@ -129,11 +131,7 @@ export class Record extends EventEmitter {
 
   async #judge() {
     const { files, answer, challenge } = this.content;
-    const asked = challenge.some(Boolean);
-    this.judged = await judgeDocument({
-      files: new Map(Object.entries(files).map(([name, bytes]) => [kFileIds[name], bytes])),
-      activeAuthentication: asked ? { challenge, answer } : undefined, trustFolder: this.#trust,
-    });
+    this.judged = await judgeFiles(files, { challenge, answer }, this.#trust);
   }
 
   #later(work) {
@@ -204,6 +202,23 @@ export class Record extends EventEmitter {
       twin, judged: judged && shown(judged) };
   }
 }
+
+/** The judgement of files by name. */
+function judgeFiles(files, { challenge, answer }, trustFolder) {
+  const asked = challenge.some(Boolean);
+  return judgeDocument({ files: new Map(Object.entries(files).map(([name, bytes]) => [kFileIds[name], bytes])),
+    activeAuthentication: asked ? { challenge, answer } : undefined, trustFolder });
+}
+
+/** What the desk's decode server answers about a passport: its setting `judge`. */
+export const answerWith = (trustFolder) => async ({ files, ...active }) => {
+  try {
+    const { holder, checks } = await judgeFiles(files, active, trustFolder);
+    return { ...holder, checks };
+  } catch (error) {
+    return { notes: [`The files could not be judged: ${error.message}`] };
+  }
+};
 
 const shortened = (text) => (text.length > 48 ? `${text.slice(0, 44)}…${text.slice(-4)}` : text);
 

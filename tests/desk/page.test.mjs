@@ -163,7 +163,8 @@ test('the read of a phone appears by itself', async () => {
   const { host: ip, port } = desk.phones;
   const phone = startReaderProcess({ library: pathOf('build/host/libtqreader.so'), identity: { ...DEFAULT_IDENTITY, ip, port },
     passport: packPassport(issuePassport()), cardDelay: 0, perByte: 0, timeoutMs: kPatience });
-  await phone.result;
+  const { data: { info } } = await phone.result;
+  assert.ok(info.checks.some(({ name, verdict }) => name === 'The chip is no copy' && verdict === 'good'), 'the phone is told, too');
   phone.release();
   await page.locator('.reads a.good', { hasText: 'on a phone' }).click();
   await page.getByText('SPECIMEN, TESSA UTOPIA').waitFor();

@@ -6,7 +6,7 @@ import { createHash } from 'node:crypto';
 import { hex } from '../../../simulator/lib/bytes.mjs';
 import { parseCommand } from '../../../simulator/lib/passport/apdu.mjs';
 import { accessKeys } from '../../../simulator/lib/passport/access-control.mjs';
-import { readElements } from '../../../simulator/lib/passport/der.mjs';
+import { oidText, readElements } from '../../../simulator/lib/passport/der.mjs';
 import { fileName } from '../../../simulator/lib/passport/lds.mjs';
 import { decrypt, deriveKeys, retailMac, unpad } from '../../../simulator/lib/passport/secure-messaging.mjs';
 import { field, opened } from './field.mjs';
@@ -28,6 +28,13 @@ const kSteps = ['SELECT APPLICATION', 'GET CHALLENGE', 'EXTERNAL AUTHENTICATE', 
 const kInstructions = { 0xa4: 'SELECT', 0x84: 'GET CHALLENGE', 0x82: 'EXTERNAL AUTHENTICATE', 0xb0: 'READ BINARY',
   0xb1: 'READ BINARY (odd)', 0x88: 'INTERNAL AUTHENTICATE', 0x22: 'MSE SET AT', 0x86: 'GENERAL AUTHENTICATE' };
 const kObjects = { 0x87: 'Encrypted data', 0x85: 'Encrypted data', 0x97: 'Expected length', 0x99: 'Status word', 0x8e: 'MAC' };
+/** Data objects of access control with PACE (ICAO Doc 9303-11 section 4.4.4), by instruction. */
+const kPaceObjects = {
+  0x22: { 0x80: 'Protocol', 0x83: 'Password', 0x84: 'Domain parameters' },
+  0x86: { 0x7c: 'Dynamic authentication data', 0x80: 'Encrypted nonce', 0x81: 'The reader’s mapping key', 0x82: 'The chip’s mapping key',
+    0x83: 'The reader’s public key', 0x84: 'The chip’s public key', 0x85: 'The reader’s token', 0x86: 'The chip’s token',
+    0x8a: 'Encrypted chip authentication data' },
+};
 const kNothing = Buffer.alloc(0);
 const kCounters = 1n << 64n;
 
@@ -46,6 +53,13 @@ function sizeOf(first) {
   if (length < 0x80) return head + 1 + length;
   const count = (length ?? 0x80) & 0x7f;
   return count > 0 && count < 4 && first.length > head + count ? head + 1 + count + first.readUIntBE(head + 1, count) : 0;
+}
+
+function paceFields(instruction, data) {
+  const names = kPaceObjects[instruction];
+  const read = (bytes) => readElements(bytes).map((element) => field(names[element.tag] ?? 'Object', element.bytes,
+    element.tag === 0x80 && instruction === 0x22 ? oidText(element.value) : '', element.tag === 0x7c ? read(element.value) : undefined));
+  return attempt(() => read(data), undefined);
 }
 
 export class PassportListener {
@@ -91,6 +105,7 @@ export class PassportListener {
     let wrong = '';
     if (isProtected && body.length > 0) ({ fields, data, wrong } = this.#openAnswer(body));
     else if (name === 'GET CHALLENGE') this.#challenge = Buffer.from(body.subarray(0, 8));
+    else if (name === 'GENERAL AUTHENTICATE') fields = paceFields(0x86, body) ?? fields;
     else if (name === 'EXTERNAL AUTHENTICATE' && body.length >= 32) fields = this.#agreeOnKeys(apdu, body);
     this.#followFile(name, plain, data, status);
     return { status, words: bytes.length === 0 ? 'no answer' : wrong || statusWords(status), wrong: wrong !== '', fields: [...fields, end],
@@ -189,6 +204,7 @@ export class PassportListener {
   }
 
   #plainParts(instruction, data) {
+    if (kPaceObjects[instruction]) return paceFields(instruction, data);
     if (instruction !== 0x82 || data.length !== 40 || !this.#access) return undefined;
     const plain = decrypt(this.#access.enc, data.subarray(0, 32));
     return [field('Encrypted data', data.subarray(0, 32), '', [
@@ -228,6 +244,8 @@ export class PassportListener {
     if (verb === 'SELECT') {
       const isFile = status === '9000' && /^(EF|DG|file)/.test(file ?? '');
       this.#file = isFile ? { name: name.slice(7), bytes: 0, total: 0 } : null;
+    } else if (verb === 'READ' && this.#file && plain && data.length === 0 && status === '9000') {
+      this.#file.bytes = Math.max(this.#file.bytes, plain.header.readUInt16BE(2) + (plain.le || 256)); // it came, and cannot be opened
     } else if (verb === 'READ' && this.#file && plain && data.length > 0) {
       const offset = plain.header[1] === 0xb0 ? plain.header.readUInt16BE(2) : this.#file.bytes;
       if (offset === 0) this.#file.total = sizeOf(data);

@@ -19,6 +19,8 @@ const DEFAULTS = {
   passport: undefined, // the passport: { files: by name ("DG1", "EF.COM"), bytes or hexadecimal; statuses: by name, where
   //                    reading does not end with "9000"; verification: { activeAuthentication: 'passed', ... }: what
   //                    must come of it; authority: certificate of who has issued the signer's }; undefined: any passport
+  judge: undefined, //  ({ files, challenge, answer }) => what is answered about a passport, or a promise of it; undefined:
+  //                    what this server itself makes of the files
   token: undefined, //  what 0x7201 hands out, hexadecimal, up to 16 bytes; undefined: random
   random: randomBytes, // (count) => bytes: where keys, challenges and tokens come from
   timing: false, //     ask the reader to time the card

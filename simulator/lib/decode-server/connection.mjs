@@ -113,6 +113,7 @@ export class Connection {
     try {
       if (exchange.index === 0) this.session = this.#server.continued(request) ?? this.session;
       handled = this.session.handle(request);
+      if (handled.fields.received && this.session.config.judge) handled = await this.session.judged(handled);
     } catch (error) {
       if (!(error instanceof Difference)) throw error;
       this.#refuse(error, exchange, request);

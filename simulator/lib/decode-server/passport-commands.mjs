@@ -58,7 +58,7 @@ function readFiles(session, request) {
   session.received = { files, readMode, answered: !asked || answer.length > 0 };
   return {
     files: filesAsText(files), answer: hex(answer), challenge: hex(challenge), cardTime, fileTime, verification,
-    info: { ...holderOf(files), verification },
+    info: { ...holderOf(files), verification }, received: { files, challenge, answer },
   };
 }
 

@@ -119,6 +119,12 @@ export class Session {
     return { command, fields, reply };
   }
 
+  /** The same request, answered with what `config.judge` makes of the files in it. */
+  async judged({ command, fields }) {
+    const info = await this.config.judge(fields.received);
+    return { command, fields, reply: COMMANDS[command].reply(this, { ...fields, info }) };
+  }
+
   /** The header byte that a request must have: the first one decides, when the kind of document is not configured. */
   #headerFor(first) {
     if (this.header !== undefined) return this.header;
