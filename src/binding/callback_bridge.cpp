@@ -236,12 +236,12 @@ void call_result_function(napi_env env, napi_value function, void* context, void
 
 LocationTime::LocationTime(napi_env env, napi_value function)
     : env_(env),
-      status_(napi_create_reference(env, function, 1, &p_nfc_time_fun_ref_)),
+      status_(napi_create_reference(env, function, 1, &function_)),
       former_(std::exchange(t_location_time, this)) {}
 
 LocationTime::~LocationTime() {
   t_location_time = former_;
-  if (p_nfc_time_fun_ref_ != nullptr) napi_delete_reference(env_, p_nfc_time_fun_ref_);
+  if (function_ != nullptr) napi_delete_reference(env_, function_);
 }
 
 int64_t LocationTime::ask() const {
@@ -249,7 +249,7 @@ int64_t LocationTime::ask() const {
   napi_value function = nullptr;
   napi_value answer = nullptr;
   int64_t time = 0;
-  if (napi_get_reference_value(env_, p_nfc_time_fun_ref_, &function) != napi_ok ||
+  if (napi_get_reference_value(env_, function_, &function) != napi_ok ||
       call_function(env_, function, 0, nullptr, &answer) != napi_ok ||
       napi_get_value_int64(env_, answer, &time) != napi_ok) {
     time = 0;

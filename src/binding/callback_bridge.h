@@ -11,8 +11,8 @@
 TQ_BEGIN_C
 
 /* Hands one card command (up to 511 bytes) to the application as JSON and returns at once. Returns the
-   Node-API status of the hand-over, 0 when it was accepted; a worker's read ends when it was not (-93001).
-   `userData` is not used. */
+   Node-API status of the hand-over, 0 when it was accepted; a worker's read ends with TQ_NO_CARD_ANSWER when
+   it was not. `userData` is not used. */
 TQ_API int32_t cardCallback(const uint8_t* apdu, uint32_t length, uint8_t serial, void* userData);
 
 /* Shows the monitor record to the application as JSON (shorter than 2048 bytes) and waits up to 500 ms for

@@ -26,7 +26,7 @@ class LocationTime {
 
  private:
   napi_env env_;
-  napi_ref p_nfc_time_fun_ref_ = nullptr;
+  napi_ref function_ = nullptr;
   napi_status status_;
   LocationTime* former_;
 };

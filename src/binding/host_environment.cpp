@@ -176,8 +176,8 @@ napi_status HostEnvironment::function_of(Channel channel, napi_value& out) const
 }
 
 const uint8_t* HostEnvironment::fresh_stick_card_id() {
-  std::fill(std::begin(mStickCard_id_), std::end(mStickCard_id_), int64_t{-1});
-  return reinterpret_cast<const uint8_t*>(mStickCard_id_);
+  std::fill(std::begin(stick_card_id_), std::end(stick_card_id_), int64_t{-1});
+  return reinterpret_cast<const uint8_t*>(stick_card_id_);
 }
 
 int32_t HostEnvironment::started(int32_t rc) {

@@ -93,7 +93,7 @@ class HostEnvironment {
   SessionConfig config_{};
   Registration* registrations_ = nullptr;  // the list and its members: guarded by the registry's mutex
   bool holds_process_ = false;
-  int64_t mStickCard_id_[2] = {-1, -1};
+  int64_t stick_card_id_[2] = {-1, -1};
   HostEnvironment* next_ = nullptr;
 };
 
