@@ -19,7 +19,8 @@ constexpr size_t kSmallerChunks[] = {192, 160, 128};  // for chips that find a l
 constexpr uint8_t kWarning = 0x62;                    // first byte of a status word
 constexpr uint8_t kWrongLe = 0x6C;                    // the second byte tells what would do
 constexpr uint16_t kWrongLength = 0x6700;
-constexpr size_t kLongestFile = 0xFFFF;  // that a request can carry
+constexpr size_t kLongestFile = 0xFFFF;   // that a request can carry
+constexpr size_t kLongestInClear = 2048;  // EF.CardAccess has a few hundred bytes
 
 // READ BINARY with odd instruction (ISO/IEC 7816-4 section 11.2.3): where the even one would mean a short
 // file identifier, the offset goes into DO54 and the data come in DO53.
@@ -51,17 +52,32 @@ bool send_protected(SessionConfig& cfg, SecureChannel& channel, const PlainComma
   return true;
 }
 
-bool FileReader::select(uint16_t file_id, uint8_t step) {
-  abandon();
-  const std::array<uint8_t, 2> id = {static_cast<uint8_t>(file_id >> 8), static_cast<uint8_t>(file_id)};
-  return send_protected(cfg_, channel_, {{0x00, 0xA4, 0x02, 0x0C}, id}, step);
+bool send_in_clear(SessionConfig& cfg, const PlainCommand& command, uint8_t step) {
+  std::array<uint8_t, TQ_PROTECTED_COMMAND_MAX> sent{};
+  ByteWriter w(sent);
+  w.bytes(command.header);
+  if (!command.data.empty()) w.u8(static_cast<unsigned>(command.data.size()));
+  w.bytes(command.data);
+  if (command.le) w.u8(*command.le);
+  if (!w.ok()) return false;
+  tq_read_card_send(&cfg, sent.data(), static_cast<uint32_t>(w.size()), step);
+  return true;
 }
 
-bool FileReader::start(uint16_t file_id, uint8_t step) {
+bool FileReader::select(uint16_t file_id, uint8_t step, Way way) {
+  abandon();
+  step_ = step;
+  way_ = way;
+  const std::array<uint8_t, 2> id = {static_cast<uint8_t>(file_id >> 8), static_cast<uint8_t>(file_id)};
+  return send({{0x00, 0xA4, 0x02, 0x0C}, id});
+}
+
+bool FileReader::start(uint16_t file_id, uint8_t step, Way way) {
   abandon();
   if (PassportFileRecord* const row = files_.find(file_id); row != nullptr) drop_file(*row);
   file_id_ = file_id;
   step_ = step;
+  way_ = way;
   return ask_next() == Progress::kGoesOn;
 }
 
@@ -78,7 +94,11 @@ void FileReader::abandon() {
 
 FileReader::Progress FileReader::take(uint16_t file_id, Bytes answer) {
   ChipAnswer a;
-  ChipAnswer::open(cfg_, channel_, answer, a);
+  if (way_ == Way::kChannel) {
+    ChipAnswer::open(cfg_, channel_, answer, a);
+  } else {
+    ChipAnswer::judge(cfg_, answer, a);
+  }
   if (file_id != file_id_) return fail(TQ_CARD_FAILED);  // nobody has asked for it
   PassportFileRecord* row = files_.find(file_id);
   if (row == nullptr) row = files_.append(file_id, 0);
@@ -110,7 +130,7 @@ FileReader::Progress FileReader::keep(PassportFileRecord& row, Bytes chunk) {
     const Bytes header = std::span(header_).first(header_len_);
     const size_t size = size_in_header(header);
     if (size == 0 && header_len_ < header_.size()) return ask_next();
-    if (size > kLongestFile) return fail(TQ_REQUEST_NOT_BUILT);
+    if (size > (way_ == Way::kChannel ? kLongestFile : kLongestInClear)) return fail(TQ_REQUEST_NOT_BUILT);
     if (!begin_file(row, header)) return fail(TQ_CARD_FAILED);
   }
   missing_ = num_missing(row);
@@ -175,7 +195,12 @@ FileReader::Progress FileReader::ask_for(size_t count) {
                .le = static_cast<uint8_t>(count + head_len(count)),
                .data_is_tlv = true};
   }
-  return send_protected(cfg_, channel_, command, step_) ? Progress::kGoesOn : Progress::kNotSent;
+  return send(command) ? Progress::kGoesOn : Progress::kNotSent;
+}
+
+bool FileReader::send(const PlainCommand& command) {
+  return way_ == Way::kChannel ? send_protected(cfg_, channel_, command, step_)
+                               : send_in_clear(cfg_, command, step_);
 }
 
 }  // namespace tq

@@ -1,6 +1,6 @@
-// Reading the elementary files of a passport through the secure channel: SELECT by file identifier, READ
-// BINARY of the first four bytes, which tell the file's size, then of the rest in chunks. One file at a time;
-// it is kept whole or not at all.
+// Reading the elementary files of a passport, as a rule through the secure channel: SELECT by file
+// identifier, READ BINARY of the first four bytes, which tell the file's size, then of the rest in chunks.
+// One file at a time; it is kept whole or not at all.
 #pragma once
 
 #include <array>
@@ -18,6 +18,9 @@ namespace tq {
 [[nodiscard]] bool send_protected(SessionConfig& cfg, SecureChannel& channel, const PlainCommand& command,
                                   uint8_t step);
 
+// The same without protection.
+[[nodiscard]] bool send_in_clear(SessionConfig& cfg, const PlainCommand& command, uint8_t step);
+
 class FileReader {
  public:
   enum class Progress : uint8_t {
@@ -30,10 +33,12 @@ class FileReader {
   FileReader(SessionConfig& cfg, SecureChannel& channel, FileTable& files)
       : cfg_(cfg), channel_(channel), files_(files), chunk_(cfg.readChunkSize) {}
 
-  [[nodiscard]] bool select(uint16_t file_id, uint8_t step);
+  enum class Way : uint8_t { kChannel, kInClear };
+
+  [[nodiscard]] bool select(uint16_t file_id, uint8_t step, Way way = Way::kChannel);
 
   // Asks for the start of the file; answers come back with `step`. What was kept of it before is dropped.
-  [[nodiscard]] bool start(uint16_t file_id, uint8_t step);
+  [[nodiscard]] bool start(uint16_t file_id, uint8_t step, Way way = Way::kChannel);
 
   // Takes the answer to READ BINARY of this file.
   Progress take(uint16_t file_id, std::span<const uint8_t> answer);
@@ -52,6 +57,7 @@ class FileReader {
   size_t most_at_once() const;
   Progress ask_next();
   Progress ask_for(size_t count);
+  bool send(const PlainCommand& command);
 
   static constexpr uint16_t kNoFile = 0;
 
@@ -63,6 +69,7 @@ class FileReader {
 
   uint16_t file_id_ = kNoFile;  // the file that is being read
   uint8_t step_ = 0;
+  Way way_ = Way::kChannel;
   std::array<uint8_t, 4> header_{};  // tag, length field, and what fits of the value, while they come
   size_t header_len_ = 0;
   size_t offset_ = 0;       // of the next byte

@@ -5,24 +5,11 @@
 #include "core/config/random_draw.hpp"
 #include "core/result_code.hpp"
 #include "passport/passport_exchange.hpp"
+#include "passport/passport_steps.hpp"
 #include "util/byte_cursor.hpp"
 
 namespace tq {
 namespace {
-
-// Numbers of the steps: the command that an answer belongs to.
-enum StepNumber : uint8_t {
-  kSelectApplication,
-  kChallenge,
-  kExternalAuthenticate,
-  kSelectCom,
-  kReadCom,
-  kSelectSod,
-  kReadSod,
-  kSelectDataGroup,
-  kReadDataGroup,
-  kInternalAuthenticate,
-};
 
 constexpr size_t kAnswerRoom = 260;
 constexpr size_t kChallengeRoom = 12;  // the first 8 bytes count
@@ -31,16 +18,6 @@ constexpr size_t kChallengeRoom = 12;  // the first 8 bytes count
 constexpr uint16_t kWrongLength = 0x6700;
 constexpr uint8_t kMoreData = 0x61;  // first bytes
 constexpr uint8_t kWrongLe = 0x6C;
-
-// What a refused EXTERNAL AUTHENTICATE comes to.
-Outcome authentication_failure(int32_t code) {
-  return Outcome::end_with(code == TQ_NO_CARD_ANSWER ? code : int32_t{TQ_AUTHENTICATION_REFUSED});
-}
-
-// A command that cannot even be made is as good as one without answer.
-Outcome wait_if(bool sent) {
-  return sent ? Outcome::go_on() : Outcome::end_with(TQ_NO_CARD_ANSWER);
-}
 
 }  // namespace
 
@@ -67,8 +44,8 @@ void PassportRead::send_first_command() {
 Outcome PassportRead::handle_answer() {
   if (answer_missing() && !aa_sent_) return Outcome::end_with(TQ_NO_CARD_ANSWER);
   log_answer();
-  if (answer_.serial >= std::size(kHandlers)) return Outcome::end_with(TQ_OUT_OF_RANGE);
-  return (this->*kHandlers[answer_.serial])();
+  if (answer_.serial < std::size(kHandlers)) return (this->*kHandlers[answer_.serial])();
+  return pace_begun_ ? handle_pace_answer() : Outcome::end_with(TQ_OUT_OF_RANGE);
 }
 
 void PassportRead::complete_report(MonitorReport& report) const {
@@ -81,21 +58,24 @@ void PassportRead::complete_report(MonitorReport& report) const {
 Outcome PassportRead::on_application_selected() {
   ChipAnswer answer;
   judge_answer(answer, kAnswerRoom);
-  if (!answer.good()) return Outcome::end_with(answer.code());
+  if (!answer.good()) return open_otherwise(answer, answer.code());
   count_opening_time();
   const Outcome started = start_on_the_server();
   if (!started.goes_on()) return started;
   MrzFields mrz;
   const WipeOnExit wipe_mrz(mrz);
-  const std::span<uint8_t> mrz_bytes(reinterpret_cast<uint8_t*>(&mrz), sizeof mrz);
-  if (!copy_bytes(session_.input(), mrz_bytes) || !derive_document_keys(mrz, access_))
-    return Outcome::end_with(TQ_CARD_REFUSED);
+  if (!take_mrz(mrz) || !derive_document_keys(mrz, access_)) return Outcome::end_with(TQ_CARD_REFUSED);
   return ask_for_challenge();
+}
+
+bool PassportRead::take_mrz(MrzFields& out) const {
+  return copy_bytes(session_.input(), {reinterpret_cast<uint8_t*>(&out), sizeof out});
 }
 
 Outcome PassportRead::start_on_the_server() {
   if (int32_t rc = start_on_server(cfg_, work_key_.bytes(), token_.bytes()); rc < 0)
     return Outcome::end_with(rc);
+  started_on_server_ = true;
   disconnect();
   return Outcome::go_on();
 }
@@ -110,8 +90,8 @@ Outcome PassportRead::on_challenge() {
   ChipAnswer answer;
   judge_answer(answer, kChallengeRoom);
   if (answer.code() == TQ_NO_CARD_ANSWER) return Outcome::end_with(answer.code());
-  if (!answer.good() || answer.data().size() < access_.rnd_ic.size())
-    return Outcome::end_with(TQ_CARD_REFUSED);
+  if (!answer.good()) return open_otherwise(answer, TQ_CARD_REFUSED);
+  if (answer.data().size() < access_.rnd_ic.size()) return Outcome::end_with(TQ_CARD_REFUSED);
   count_opening_time();
   static_cast<void>(copy_bytes(answer.data().first(access_.rnd_ic.size()), access_.rnd_ic.bytes()));
   if (!draw_random(cfg_, access_.rnd_ifd.bytes()) || !draw_random(cfg_, access_.k_ifd.bytes()))
@@ -130,7 +110,8 @@ Outcome PassportRead::on_external_authenticate() {
     cryptogram_le_ = kAnyLen;
     return ask_for_challenge();
   }
-  if (!answer.good()) return authentication_failure(answer.code());
+  if (answer.code() == TQ_NO_CARD_ANSWER) return Outcome::end_with(answer.code());
+  if (!answer.good()) return open_otherwise(answer, TQ_AUTHENTICATION_REFUSED);
   if (!open_channel(answer.data(), access_, channel_)) return Outcome::end_with(TQ_CARD_REFUSED);
   return select_com();
 }

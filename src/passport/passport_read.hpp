@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <span>
 
 #include "passport/chip_answer.hpp"
@@ -10,6 +11,7 @@
 #include "passport/file_reader.hpp"
 #include "passport/file_table.hpp"
 #include "passport/mutual_authentication.hpp"
+#include "passport/pace.hpp"
 #include "passport/secure_channel.hpp"
 #include "protocol/card_read.hpp"
 #include "util/secret.hpp"
@@ -42,6 +44,21 @@ class PassportRead final : public CardRead {
   Outcome on_data_group_data();
   Outcome on_internal_authenticate();
 
+  // Of PACE, with the numbers from kFirstPaceStep on.
+  static const Handler kPaceHandlers[];
+  Outcome handle_pace_answer();
+  Outcome on_master_file_selected();
+  Outcome on_card_access_selected();
+  Outcome on_card_access_data();
+  Outcome on_pace_answer();
+  Outcome on_application_selected_by_pace();
+
+  // After a refusal: PACE, when that is what the chip wants and has, or else the end with `code`.
+  Outcome open_otherwise(const ChipAnswer& refusal, int32_t code);
+  Outcome select_card_access();
+  Outcome go_on_with_pace(Pace::Result result);
+
+  [[nodiscard]] bool take_mrz(MrzFields& out) const;
   Outcome start_on_the_server();
   Outcome ask_for_challenge();
   Outcome select_com();
@@ -51,13 +68,19 @@ class PassportRead final : public CardRead {
   Outcome authenticate_actively(uint8_t le);
   Outcome have_files_decoded();
 
-  void judge_answer(ChipAnswer& out, size_t room) { ChipAnswer::judge(cfg_, answer_.bytes(), out, room); }
+  void judge_answer(ChipAnswer& out, size_t room = kMaxCardAnswer) {
+    ChipAnswer::judge(cfg_, answer_.bytes(), out, room);
+  }
   void open_answer(ChipAnswer& out) { ChipAnswer::open(cfg_, channel_, answer_.bytes(), out); }
 
   void count_opening_time();
   void count_reading_time();
 
   BasicAccess access_;
+  bool pace_begun_ = false;
+  int32_t code_without_pace_ = 0;  // of the refusal that made the read turn to PACE
+  std::optional<Pace> pace_;       // between EF.CardAccess and the token
+  bool started_on_server_ = false;
   uint8_t cryptogram_le_ = kCryptogramLen;
   SecureChannel channel_;
   OwnedFileTable files_;

@@ -15,6 +15,7 @@ enum {
 
 /* Identifiers of the elementary files (ICAO Doc 9303-10); the data groups are 01 01 to 01 10. */
 enum {
+  TQ_EF_CARD_ACCESS = 0x011C, /* of the master file; what a chip offers beside Basic Access Control */
   TQ_EF_DG1 = 0x0101,
   TQ_EF_DG2 = 0x0102,
   TQ_EF_DG11 = 0x010B,
