@@ -44,6 +44,17 @@ class TlsChannel : public tq::tls::ByteChannel {
   Bytes waiting_;
 };
 
+// The SubjectPublicKeyInfo of an RSA key, and a certificate whose other parts are empty.
+inline Bytes key_info(View key) {
+  const Bytes algorithm = {0x30, 0x0D, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 1, 1, 1, 0x05, 0x00};
+  return element(0x30, algorithm + element(0x03, Bytes{0} + key));
+}
+inline Bytes certificate(View info) {
+  const Bytes start = {0xA0, 3, 0x02, 1, 2, 0x02, 1, 5};
+  const Bytes to_be_signed = element(0x30, start + Bytes{0x30, 0, 0x30, 0, 0x30, 0, 0x30, 0} + info);
+  return element(0x30, to_be_signed + Bytes{0x30, 0, 0x03, 1, 0});
+}
+
 // 1, 2, 3 ... with zeros left out.
 class CountingRandom final : public tq::tls::RandomSource {
  public:

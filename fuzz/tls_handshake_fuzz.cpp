@@ -32,35 +32,17 @@ enum Turn : uint8_t {
 
 enum class Next : uint8_t { kHello, kCertificate, kRequest, kDone, kChangeCipherSpec, kFinished, kData };
 
-// A DER element of up to 255 bytes.
-Bytes element(uint8_t tag, std::initializer_list<View> parts) {
-  Bytes content;
-  for (const View part : parts) append(content, part);
-  require(content.size() <= 255);
-  Bytes out = {tag};
-  if (content.size() > 127) out.push_back(0x81);
-  out.push_back(static_cast<uint8_t>(content.size()));
-  append(out, content);
-  return out;
-}
-
 // With a key of 1024 bits whose factors nobody needs.
-Bytes certificate() {
-  const Bytes modulus(128, 0xC5);
-  const Bytes key = element(0x30, {element(0x02, {Bytes{0}, modulus}), element(0x02, {Bytes{3}})});
-  const Bytes algorithm = {0x30, 0x0D, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86,
-                           0xF7, 0x0D, 0x01, 0x01, 0x01, 0x05, 0x00};
-  const Bytes info = element(0x30, {algorithm, element(0x03, {Bytes{0}, key})});
-  const Bytes empty = element(0x30, {});
-  const Bytes body = element(0x30, {element(0x02, {Bytes{5}}), empty, empty, empty, empty, info});
-  return element(0x30, {body, empty, element(0x03, {Bytes{0}})});
+const Bytes& leaf() {
+  static const Bytes key = Bytes{0x02, 0x81, 129, 0} + Bytes(128, 0xC5) + Bytes{0x02, 1, 3};
+  static const Bytes bytes = certificate(key_info(element(0x30, key)));
+  return bytes;
 }
 
 Bytes message(uint8_t type, View body) {
   Bytes out = {type};
   append_number(out, body.size(), 3);
-  append(out, body);
-  return out;
+  return out + body;
 }
 
 class Server final : public TlsChannel {
@@ -73,89 +55,78 @@ class Server final : public TlsChannel {
   bool more() override {
     if (choices_.content().empty() || num_turns_++ == kMostTurns) return false;
     const uint8_t turn = choices_.next() % kNumTurns;
+    // These are no more what a good server does, unless they say otherwise.
+    const bool was_faithful = std::exchange(faithful_, false);
     switch (turn) {
       case kGood:
-        send_next([](Bytes&) {});
+        faithful_ = was_faithful;
+        send_next([](Bytes& /*good*/) {});
         break;
       case kChanged: {
         const size_t place = number();
         const uint8_t value = choices_.next();
-        send_next([&](Bytes& good) {
-          if (value == 0) return;
-          good[place % good.size()] ^= value;
-          faithful_ = false;
-        });
+        faithful_ = was_faithful && value == 0;
+        send_next([&](Bytes& good) { good[place % good.size()] ^= value; });
         break;
       }
       case kCut: {
         const size_t len = number();
         send_next([&](Bytes& good) {
-          if (good.size() < 4 || len >= good.size() - 4) return;
-          good = message(good[0], View(good).subspan(4, len));
-          faithful_ = false;
+          if (good.size() >= 4 && len < good.size() - 4) good = message(good[0], View(good).subspan(4, len));
         });
         break;
       }
       case kLonger: {
         const Bytes tail = bytes(choices_.next());
         send_next([&](Bytes& good) {
-          if (tail.empty() || good.size() < 4) return;
-          append(good, tail);
-          good = message(good[0], View(good).subspan(4));
-          faithful_ = false;
+          if (good.size() >= 4) good = message(good[0], View(good + tail).subspan(4));
         });
         break;
       }
       case kMessage: {
         const uint8_t type = choices_.next();
-        const Bytes body = bytes(number());
-        faithful_ = false;
-        send_handshake(message(type, body));
+        send_handshake(message(type, bytes(number())));
         break;
       }
       case kRecord: {
-        const uint8_t type = choices_.next();
+        const auto type = static_cast<ContentType>(choices_.next());
         const Bytes content = bytes(number());
-        faithful_ = false;
-        if (type == static_cast<uint8_t>(ContentType::kHandshake)) lose_track();
-        if (content.size() <= tq::tls::kMaxPlainLen) send_record(static_cast<ContentType>(type), content);
+        if (type == ContentType::kHandshake) lose_track();
+        if (content.size() <= tq::tls::kMaxPlainLen) send_record(type, content);
         break;
       }
       case kRaw: {
         const Bytes raw = bytes(number());
-        faithful_ = false;
         if (writing_.started() && !raw.empty()) authentic_ = false;
         lose_track();
         give(raw);
         break;
       }
       case kFragments:
+        faithful_ = was_faithful;
         fragment_len_ = choices_.next();
         break;
       case kHelloRequest:
-        if (++num_hello_requests_ > tq::tls::kMaxHelloRequests) faithful_ = false;
+        faithful_ = was_faithful && ++num_hello_requests_ <= tq::tls::kMaxHelloRequests;
         send_handshake(message(0, {}));
         break;
       case kWarning: {
         const uint8_t description = choices_.next();
-        if (description == 0 || ++num_warnings_ > tq::tls::kMaxWarnings) faithful_ = false;
-        if (description == 0) closed_ = true;
+        closed_ = closed_ || description == 0;
+        faithful_ = was_faithful && description != 0 && ++num_warnings_ <= tq::tls::kMaxWarnings;
         send_record(ContentType::kAlert, Bytes{1, description});
         break;
       }
       case kClose:
-        if (next_ != Next::kData) faithful_ = false;
+        faithful_ = was_faithful && next_ == Next::kData;
         closed_ = true;
         send_record(ContentType::kAlert, Bytes{1, 0});
         break;
       case kSkip:
-        faithful_ = false;
         go_on();
         break;
       default:
-        faithful_ = false;
         turn_on_keys();
-        break;
     }
     return true;
   }
@@ -247,9 +218,9 @@ class Server final : public TlsChannel {
     while (client_messages_.size() >= 4) {
       const size_t len = size_t{client_messages_[2]} << 8 | client_messages_[3];
       if (client_messages_.size() < 4 + len) return;
-      const Bytes whole(client_messages_.begin(), client_messages_.begin() + static_cast<ptrdiff_t>(4 + len));
-      client_messages_.erase(client_messages_.begin(),
-                             client_messages_.begin() + static_cast<ptrdiff_t>(4 + len));
+      const auto end = client_messages_.begin() + static_cast<ptrdiff_t>(4 + len);
+      const Bytes whole(client_messages_.begin(), end);
+      client_messages_.erase(client_messages_.begin(), end);
       if (whole[0] == 1) std::copy_n(whole.begin() + 6, 32, randoms_.client.begin());
       if (whole[0] == 20) check_finished(whole);
       transcript_.update(whole);
@@ -296,15 +267,13 @@ class Server final : public TlsChannel {
         body.push_back(0);
         append(body, named_ ? View(kNamedExtensions) : View(kExtensions));
         return message(2, body);
-      case Next::kCertificate: {
-        static const Bytes leaf = certificate();
-        append_number(body, 2 * (leaf.size() + 3), 3);
+      case Next::kCertificate:
+        append_number(body, 2 * (leaf().size() + 3), 3);
         for (int i = 0; i < 2; ++i) {
-          append_number(body, leaf.size(), 3);
-          append(body, leaf);
+          append_number(body, leaf().size(), 3);
+          append(body, leaf());
         }
         return message(11, body);
-      }
       case Next::kRequest:
         return message(13, Bytes{1, 1, 0, 2, 4, 1, 0, 4, 0, 2, 0x30, 0});
       case Next::kDone:
@@ -440,7 +409,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   Bytes received;
   if (connected) {
-    require(client->write(View(certificate())) || server.closed() || server.ended());
+    require(client->write(leaf()) || server.closed() || server.ended());
     std::array<uint8_t, 100> out;
     ptrdiff_t n = 0;
     while ((n = client->read(out)) > 0) append(received, View(out).first(static_cast<size_t>(n)));
