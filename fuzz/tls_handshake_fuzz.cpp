@@ -10,7 +10,6 @@
 namespace {
 
 using namespace fuzz;
-using tq::tls::Alert;
 using tq::tls::ContentType;
 
 enum Turn : uint8_t {
@@ -135,18 +134,19 @@ class Server final : public TlsChannel {
   void sent(View bytes) override {
     if (!tracked_) return;
     append(from_client_, bytes);
-    Fields in(from_client_);
-    while (!in.rest().empty()) {
+    for (tq::ByteReader in(from_client_); !in.done();) {
       require(!ended_);  // nothing comes behind a fatal alert
-      const auto type = static_cast<ContentType>(in.take(1)[0]);
-      const size_t version = in.number(2);
+      uint8_t type = 0;
+      uint32_t version = 0;
+      uint32_t len = 0;
+      View fragment;
+      require(in.u8(type) && in.number(2, version) && in.number(2, len) && in.take(len, fragment));
       require(version == 0x0303 || version == 0x0301);
-      const View fragment = in.counted();
       Bytes room(fragment.begin(), fragment.end());
       std::span<uint8_t> content;
-      require(reading_.open(type, room, content));
+      require(reading_.open(static_cast<ContentType>(type), room, content));
       require(!content.empty() && content.size() <= tq::tls::kMaxPlainLen);
-      take_record(type, content);
+      take_record(static_cast<ContentType>(type), content);
     }
     from_client_.clear();
   }
@@ -160,27 +160,6 @@ class Server final : public TlsChannel {
 
  private:
   static constexpr size_t kMostTurns = 300;
-
-  class Fields {
-   public:
-    explicit Fields(View rest) : rest_(rest) {}
-    View take(size_t len) {
-      require(len <= rest_.size());
-      const View front = rest_.first(len);
-      rest_ = rest_.subspan(len);
-      return front;
-    }
-    size_t number(size_t width) {
-      size_t value = 0;
-      for (const uint8_t byte : take(width)) value = value << 8 | byte;
-      return value;
-    }
-    View counted() { return take(number(2)); }
-    View rest() const { return rest_; }
-
-   private:
-    View rest_;
-  };
 
   size_t number() {
     const size_t high = choices_.next();
@@ -269,10 +248,7 @@ class Server final : public TlsChannel {
         return message(2, body);
       case Next::kCertificate:
         append_number(body, 2 * (leaf().size() + 3), 3);
-        for (int i = 0; i < 2; ++i) {
-          append_number(body, leaf().size(), 3);
-          append(body, leaf());
-        }
+        for (int i = 0; i < 2; ++i) append_number(body, leaf().size(), 3), append(body, leaf());
         return message(11, body);
       case Next::kRequest:
         return message(13, Bytes{1, 1, 0, 2, 4, 1, 0, 4, 0, 2, 0x30, 0});
@@ -287,18 +263,20 @@ class Server final : public TlsChannel {
 
   template <typename Change>
   void send_next(Change change) {
-    if (next_ == Next::kData || next_ == Next::kChangeCipherSpec) {
+    if (next_ == Next::kData) {
+      send_record(ContentType::kApplicationData,
+                  Bytes(1 + data_.size() % 40, static_cast<uint8_t>(data_.size())));
+    } else if (next_ == Next::kChangeCipherSpec) {
       Bytes content = {1};
-      if (next_ == Next::kData) content = Bytes(1 + data_.size() % 40, static_cast<uint8_t>(data_.size()));
-      const auto type = next_ == Next::kData ? ContentType::kApplicationData : ContentType::kChangeCipherSpec;
-      if (next_ == Next::kChangeCipherSpec) change(content);
-      send_record(type, content);
-      if (next_ == Next::kChangeCipherSpec) turn_on_keys();
+      change(content);
+      send_record(ContentType::kChangeCipherSpec, content);
+      turn_on_keys();
     } else {
-      Bytes good = next_message();
-      change(good);
-      if (next_ == Next::kFinished) finished_ = good == next_message();
-      send_handshake(good);
+      const Bytes good = next_message();
+      Bytes sent = good;
+      change(sent);
+      finished_ = next_ == Next::kFinished && sent == good;
+      send_handshake(sent);
     }
     go_on();
   }
@@ -341,19 +319,15 @@ class Server final : public TlsChannel {
   }
 
   void send_record(ContentType type, View content) {
-    Bytes record(5 + content.size() + tq::tls::kMaxSealingLen);
-    CountingRandom random;
-    size_t len = content.size();
-    if (writing_.started())
-      len = writing_.seal(type, content, random, std::span(record).subspan(5));
-    else
-      std::copy(content.begin(), content.end(), record.begin() + 5);
-    record[0] = static_cast<uint8_t>(type);
-    record[1] = record[2] = 3;
-    record[3] = static_cast<uint8_t>(len >> 8);
-    record[4] = static_cast<uint8_t>(len);
-    record.resize(5 + len);
-    give(record);
+    Bytes fragment(content.begin(), content.end());
+    if (writing_.started()) {
+      CountingRandom random;
+      fragment.resize(content.size() + tq::tls::kMaxSealingLen);
+      fragment.resize(writing_.seal(type, content, random, fragment));
+    }
+    Bytes record = {static_cast<uint8_t>(type), 3, 3};
+    append_number(record, fragment.size(), 2);
+    give(record + fragment);
     if (type != ContentType::kAlert) num_warnings_ = 0;
     if (type == ContentType::kApplicationData && writing_.started() && authentic_ && !closed_)
       append(data_, content);
