@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "core/config/device_values.h"
 #include "core/config/text_checks.h"
 #include "support/bytes.hpp"
 
@@ -60,62 +61,40 @@ TEST(ShareInit, LeavesNothingOfWhatStoodThereBefore) {
       "fe0000000100000000");
 }
 
-// Initialises a complete record anew; the code has to be everywhere where it is told.
-void expect_init(const Arguments& arguments, int32_t code, const std::string& what) {
-  SessionConfig cfg = complete_config();
-  EXPECT_EQ(init(cfg, arguments), code) << what;
-  EXPECT_EQ(cfg.lastError, code) << what;
-  EXPECT_EQ(cfg.initDone, code == 0) << what;
-  EXPECT_EQ(check_function_call(&cfg), code) << what;
-}
-
-TEST(ShareInit, Texts) {
-  const struct {
-    const char* Arguments::*argument;
-    std::string text;
-    int32_t code;
-  } cases[] = {
-      {&Arguments::appid, " \t ", -13003},
-      {&Arguments::appid, "Abcdefghij\xC1" + std::string(9, '1'), -13003},
-      {&Arguments::sn2, std::string(65, 's'), -13002},
-      {&Arguments::sn3, std::string(65, 's'), -13002},
-      {&Arguments::sn1, "a\x80", 0},
-      {&Arguments::sn1, "a\x81", -13002},
-      {&Arguments::sn1, " \t", 0},
-      {&Arguments::ip, std::string(127, 'n'), 0},
-      {&Arguments::ip, std::string(128, 'n'), -13009},
+// What initSdk passes on is tried from there; here is the rest, and the order.
+TEST(ShareInit, WhatTheModuleDoesNotPassOn) {
+  const std::string too_long(65, 's');
+  const std::string longest_name(127, 'n');
+  const std::string no_name(128, 'n');
+  const std::pair<Arguments, int32_t> cases[] = {
+      {{.chunk = 1}, 0},
+      {{.chunk = 255}, 0},
+      {{.chunk = 0}, -13009},
+      {{.chunk = 256}, -13009},
+      {{.frame_flag = 0}, 0},
+      {{.frame_flag = 2}, -13009},
+      {{.frame_flag = -1}, -13009},
+      {{.log_level = 0}, 0},
+      {{.log_level = 3}, -13009},
+      {{.log_level = -1}, -13009},
+      {{.port = -1}, -13009},
+      {{.sn1 = "a\x80"}, 0},
+      {{.sn1 = "a\x81"}, -13002},
+      {{.sn1 = " \t"}, 0},
+      {{.sn2 = too_long.c_str()}, -13002},
+      {{.sn3 = too_long.c_str()}, -13002},
+      {{.ip = longest_name.c_str()}, 0},
+      {{.ip = no_name.c_str()}, -13009},
+      {{.appid = " \t "}, -13003},
+      {{.appid = "", .sn1 = "\xFF"}, -13003},
+      {{.chunk = 0, .sn3 = "\xFF"}, -13002},
   };
-  for (const auto& c : cases) {
-    Arguments arguments;
-    arguments.*c.argument = c.text.c_str();
-    expect_init(arguments, c.code, c.text);
-  }
-  expect_init({.appid = "", .sn1 = "\xFF"}, -13003, "appid before serial numbers");
-  expect_init({.chunk = 0, .sn3 = "\xFF"}, -13002, "serial numbers before ranges");
-}
-
-TEST(ShareInit, Ranges) {
-  const struct {
-    int32_t Arguments::*argument;
-    std::vector<int32_t> good;
-    std::vector<int32_t> bad;
-  } cases[] = {
-      {&Arguments::chunk, {1, 255}, {0, 256, -1}},
-      {&Arguments::decode_mode, {0, 1}, {-1, 2}},
-      {&Arguments::mode, {1, 2}, {0, 3}},
-      {&Arguments::frame_flag, {0, 1}, {-1, 2}},
-      {&Arguments::log_level, {0, 1, 2}, {-1, 3}},
-      {&Arguments::port, {0, 65535}, {-1, 65536}},
-      {&Arguments::environment, {52302, 26814}, {0, 267, 269}},
-  };
-  for (const auto& c : cases) {
-    Arguments arguments;
-    for (const auto& [values, code] : {std::pair(c.good, 0), std::pair(c.bad, -13009)}) {
-      for (const int32_t value : values) {
-        arguments.*c.argument = value;
-        expect_init(arguments, code, std::to_string(value));
-      }
-    }
+  for (const auto& [arguments, code] : cases) {
+    SessionConfig cfg = complete_config();
+    EXPECT_EQ(init(cfg, arguments), code);
+    EXPECT_EQ(cfg.lastError, code);
+    EXPECT_EQ(cfg.initDone, code == 0);
+    EXPECT_EQ(check_function_call(&cfg), code);
   }
 }
 
@@ -189,6 +168,55 @@ TEST(TextChecks, CurrentCheck) {
     char out[6] = {};
     EXPECT_EQ(current_check(c.text, out, c.limit), c.code) << c.copied;
     EXPECT_STREQ(out, c.copied);
+  }
+}
+
+int64_t g_now = 0;
+
+// state = time mod 10^9; state = state * 214013 + 2531011; the byte comes from its upper part.
+TEST(RandomNumber, KnownSequences) {
+  const struct {
+    int64_t time;
+    const char* bytes;
+  } cases[] = {
+      {0, "2645498eb943cd9bfa0cf3327a1a896f"},
+      {1'700'000'123'456, "207bcdcf38df80ec3f3894aac023b88b"},
+      {999'999'999, "43f2c0bb6d2f6ce12df1e3684e8e5033"},
+      {1'000'000'000, "2645498eb943cd9bfa0cf3327a1a896f"},
+      {-1'000'000'001, "239f3bb0c6dc9996baa7880629b703f1"},
+      {INT64_MIN, "aee8a88d64c9a8c066bb1347e8498d2d"},
+  };
+  SessionConfig cfg{};
+  cfg.timestampCallback = [] { return g_now; };
+  for (const auto& c : cases) {
+    g_now = c.time;
+    Bytes out(16);
+    EXPECT_EQ(create_rand_number(&cfg, out.data(), 16), c.time);
+    EXPECT_EQ(hex(out), c.bytes) << c.time;
+  }
+  Bytes untouched(1, 0xEE);
+  for (const int32_t n : {0, -1, INT32_MIN}) create_rand_number(&cfg, untouched.data(), n);
+  EXPECT_EQ(untouched[0], 0xEE);
+  cfg.timestampCallback = nullptr;
+  EXPECT_EQ(create_rand_number(&cfg, untouched.data(), 1), 0);
+  EXPECT_EQ(untouched[0], 0x26);
+}
+
+TEST(DeviceId, FitsOrFails) {
+  const struct {
+    size_t length;
+    uint32_t capacity;
+    int32_t result;
+  } cases[] = {{0, 0, 0},    {1, 1, 1},    {64, 68, 64}, {64, 64, 64},
+               {64, 63, -1}, {68, 68, 68}, {69, 68, -1}, {204, 68, -1}};
+  for (const auto& c : cases) {
+    SessionConfig cfg{};
+    // A text longer than its field runs on into the next ones.
+    std::memset(reinterpret_cast<char*>(&cfg) + offsetof(SessionConfig, sn1), 's', c.length);
+    std::string out(c.capacity + size_t{1}, '#');
+    EXPECT_EQ(tq_get_device_id(&cfg, out.data(), c.capacity), c.result) << c.length;
+    const size_t written = c.result < 0 ? 0 : c.length;
+    EXPECT_EQ(out, std::string(written, 's') + std::string(out.size() - written, '#')) << c.length;
   }
 }
 
