@@ -8,7 +8,7 @@ import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { setTimeout as sleep } from 'node:timers/promises';
 
-export const VPCD_PORT = 35963;
+const kPort = 35963; // where the driver listens for a card
 const kDriver = '/usr/lib/pcsc/drivers/serial/libifdvpcd.so';
 const kAtr = Buffer.from('3B80800101', 'hex'); // a contactless card without historical bytes, T=1
 
@@ -25,7 +25,7 @@ const kQuickly = `use Socket qw(:all); use IO::Select; $| = 1;
       syswrite($from == $s ? STDOUT : $s, $bytes);
     }
   }`;
-const kControl = { powerOff: 0, powerOn: 1, reset: 2, atr: 4 };
+const kAskAtr = 4; // the other control bytes, power and reset, want no answer
 
 /** Until something is so. */
 export async function until(condition, what, ms = 20000) {
@@ -36,20 +36,18 @@ export async function until(condition, what, ms = 20000) {
   }
 }
 
-async function isOpen(port) {
-  const socket = connect(port, '127.0.0.1').on('error', () => {});
-  const [open] = await Promise.race([once(socket, 'connect').then(() => [true]), once(socket, 'close')]).catch(() => [false]);
-  socket.destroy();
-  return open === true;
-}
+const isOpen = () => new Promise((resolve) => {
+  const socket = connect(kPort, '127.0.0.1').on('error', () => resolve(false)).on('connect', () => resolve(true));
+  setTimeout(() => socket.destroy(), 100);
+});
 
 /** Starts pcscd in the foreground with one virtual reader. */
-export async function startService({ port = VPCD_PORT } = {}) {
-  if (await isOpen(port)) throw new Error('a virtual reader is there already; end its pcscd first');
+export async function startService() {
+  if (await isOpen()) throw new Error('a virtual reader is there already; end its pcscd first');
   const folder = mkdtempSync(join(tmpdir(), 'tqreader-desk-'));
-  const channel = `0x${port.toString(16).toUpperCase()}`;
-  writeFileSync(join(folder, 'reader.conf'), `FRIENDLYNAME "Virtual PCD"\nDEVICENAME /dev/null:${channel}\n` +
-    `LIBPATH ${kDriver}\nCHANNELID ${channel}\n`);
+  const channel = `0x${kPort.toString(16)}`;
+  writeFileSync(join(folder, 'reader.conf'),
+    `FRIENDLYNAME "Virtual PCD"\nDEVICENAME /dev/null:${channel}\nLIBPATH ${kDriver}\nCHANNELID ${channel}\n`);
   const service = spawn('/usr/sbin/pcscd', ['--foreground', '--config', join(folder, 'reader.conf')],
     { stdio: ['ignore', 'pipe', 'pipe'] });
   let told = '';
@@ -64,7 +62,7 @@ export async function startService({ port = VPCD_PORT } = {}) {
   try {
     await until(() => {
       if (service.over) throw new Error(`pcscd has ended; only one can run at a time: ${told}`);
-      return isOpen(port);
+      return isOpen();
     }, 'the virtual reader listens');
   } catch (error) {
     await stop();
@@ -84,8 +82,8 @@ export class VirtualCard {
     this.#answer = answer;
   }
 
-  insert(port = VPCD_PORT) {
-    this.#line = spawn('perl', ['-e', kQuickly, port], { stdio: ['pipe', 'pipe', 'inherit'] });
+  insert() {
+    this.#line = spawn('perl', ['-e', kQuickly, kPort], { stdio: ['pipe', 'pipe', 'inherit'] });
     this.#line.stdin.on('error', () => {});
     this.#line.stdout.on('data', (bytes) => this.#take(bytes));
   }
@@ -103,7 +101,7 @@ export class VirtualCard {
       const message = this.#received.subarray(2, end);
       this.#received = this.#received.subarray(end);
       if (message.length > 1) this.#answer(message).then((answer) => this.#send(answer), () => this.remove());
-      else if (message[0] === kControl.atr) this.#send(kAtr);
+      else if (message[0] === kAskAtr) this.#send(kAtr);
     }
   }
 
