@@ -82,15 +82,15 @@ const kPlain = [
   [[kApplication], '80B0000004', '6E00', /class is 80/], [[kApplication], '0CB000000D9701048E08ED6705417E96BA5500', '6988', /class is .*expected 00/],
   [[kApplication], '0022C1A40F800A04007F00070202040202830101', '6D00', /MSE SET AT: command/], // it has Basic Access Control alone
 ];
-for (const [before, command, status, says] of kPlain) {
-  test(`plain ${command} after ${before.length} commands: ${status}`, () => {
+test('plain commands that are wrong', () => {
+  for (const [before, command, status, says] of kPlain) {
     const chip = new PassportChip(kUsual);
     asked(chip, ...before);
     assert.deepEqual(words(chip), []);
     assert.equal(asked(chip, command)[0].slice(-4), status);
     assert.ok(words(chip).some((text) => says.test(text)), words(chip).join('; '));
-  });
-}
+  }
+});
 
 /** READs of a file of 33,000 bytes: command, status, bytes of the answer, with the settings of the chip. */
 const kReads = [
@@ -103,17 +103,16 @@ const kReads = [
   ['00B100000354018007', '9000', 7], ['00B10001045402800007', '6A86', 0],
 ];
 const kLong = issuePassport({ pace: [{ cipher: 'aes128', curve: 13 }], overrides: { 0x011c: Buffer.alloc(33000, 0x31) } });
-for (const [command, status, length, settings] of kReads) {
-  test(`${command}: ${status} and ${length} bytes`, () => {
+test('READs', () => {
+  for (const [command, status, length, settings] of kReads) {
     const [, answer] = asked(new PassportChip(kLong, { order: 'any', ...settings }), '00A4020C02011C', command);
-    assert.deepEqual([answer.slice(-4), answer.length / 2 - 2], [status, length]);
+    assert.deepEqual([answer.slice(-4), answer.length / 2 - 2], [status, length], command);
     assert.match(answer.slice(0, -4), command.startsWith('00B1') ? /^(53(81)?..(31)*)?$/ : /^(31)*$/);
-  });
-}
+  }
+});
 
 test('curves: sums and multiples', () => {
-  const names = { 10: 'secp224r1', 11: 'brainpoolP224r1', 12: 'prime256v1', 13: 'brainpoolP256r1', 14: 'brainpoolP320r1', 15: 'secp384r1',
-    16: 'brainpoolP384r1', 17: 'brainpoolP512r1', 18: 'secp521r1' };
+  const names = { 10: 'secp224r1', 11: 'brainpoolP224r1', 12: 'prime256v1', 13: 'brainpoolP256r1', 14: 'brainpoolP320r1', 15: 'secp384r1', 16: 'brainpoolP384r1', 17: 'brainpoolP512r1', 18: 'secp521r1' };
   assert.deepEqual(Object.keys(CURVES), Object.keys(names));
   for (const [id, curve] of Object.entries(CURVES)) {
     const [mine, theirs] = [createECDH(names[id]), createECDH(names[id])];
@@ -135,13 +134,12 @@ test('the link carries the chip\'s rules to it, spoils answers itself and keeps 
   const carry = (text, serial) => new Promise((resolve) => {
     link.transmit(bytes(text), serial, ({ data, status }) => resolve(status || data));
   });
-  await carry(kApplication, 0);
-  assert.equal(hex(await carry('0084000008', 1)), '6D00');
-  assert.deepEqual([(await carry('0084000008', 1)).length, (await carry('0084000008', 1)).length], [300, 9]);
-  assert.equal(hex(await carry('0084000008', 1)), '6D00');
+  const got = [];
+  for (let i = 0; i < 4; i += 1) got.push(await carry(i ? '0084000008' : kApplication, Math.min(i, 1)));
+  got.push(await carry('0084000008', 1));
+  assert.deepEqual(got.map(({ length }) => length), [2, 2, 300, 9, 2]);
   link.setRules([{ on: 1, nth: 2, do: 'gone' }]);
-  assert.equal((await carry('0084000008', 1)).length, 10);
-  assert.deepEqual([await carry('0084000008', 1), await carry(kApplication, 0)], [-1, -1]);
+  assert.deepEqual([(await carry('0084000008', 1)).length, await carry('0084000008', 1), await carry(kApplication, 0)], [10, -1, -1]);
   link.setRules([]);
   Object.assign(link, PASSPORT_PACE);
   const start = performance.now();

@@ -19,23 +19,24 @@ import { DEFAULT_IDENTITY, expectedPersona } from '../../simulator/lib/persona.m
 import { DEFAULT_LIBRARY, Reader } from '../../simulator/lib/reader.mjs';
 
 const kKeys = loadKeys(fileURLToPath(new URL('../../keys/development_keys.h', import.meta.url))).decode;
+const kCard = Object.fromEntries(Object.entries({ managementData: 32, file6011: 214, file6012: 256, file6013: 1024 }).map(([name, size]) => [name, hex(Buffer.from(Array.from({ length: size }, (_, i) => (i * 7 + size) & 0xff)))]));
 
 /** The same random numbers each time. */
-export function sameRandom() {
+function sameRandom() {
   let drawn = 0;
   return (count) => Buffer.concat(Array.from({ length: Math.ceil(count / 32) }, () =>
     createHash('sha256').update(String(drawn += 1)).digest())).subarray(0, count);
 }
 
 /** What takes part in a read; `passport` in its plain form. */
-function participants({ passport, readMode, secrets }) {
+function participants({ passport, readMode }) {
   const identity = { ...DEFAULT_IDENTITY, readMode };
   const document = passport && unpackPassport(passport);
   const config = { keys: kKeys, persona: expectedPersona(identity), document: passport ? 'passport' : 'identityCard',
-    ...(passport ? { passport: expectedPassport(document) } : { card: secrets }) };
+    ...(passport ? { passport: expectedPassport(document) } : { card: kCard }) };
   return { identity, document, serverConfig: () => ({ ...config, random: sameRandom() }),
     layCard: () => (passport ? new PassportChip(document, { readMode, rndIc: '0011223344556677', kIc: '5A'.repeat(16) })
-      : new IdentityCard({ ...secrets, random: sameRandom() })) };
+      : new IdentityCard({ ...kCard, random: sameRandom() })) };
 }
 
 /** One good read. `slow`: each look at the clock takes this long. */
