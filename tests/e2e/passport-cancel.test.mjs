@@ -3,11 +3,14 @@
 import assert from 'node:assert/strict';
 import { describe, test } from 'node:test';
 import { STEPS } from '../../simulator/lib/identity-card.mjs';
+import { PACE_STEPS } from '../../simulator/lib/passport/chip.mjs';
 import { check, Process, SANITIZED, testReads, USUAL_FILES } from './support.mjs';
 
 const kPassport = { brief: true };
+const kPaceAlone = { persona: 'paceAlone', brief: true };
 const kSteps = ['SELECT APPLICATION', 'GET CHALLENGE', 'EXTERNAL AUTHENTICATE', 'SELECT EF.COM', 'READ EF.COM', 'SELECT EF.SOD', 'READ EF.SOD',
   'SELECT DG15', 'READ DG15', 'SELECT DG1', 'READ DG1', 'SELECT DG2', 'READ DG2', 'INTERNAL AUTHENTICATE', 'SELECT DG14', 'READ DG14'];
+const kPaceSteps = [...PACE_STEPS.slice(1), 'SELECT APPLICATION'];
 const kExchanges = ['0x7201', '0x7202'];
 const silentAt = (on) => ({ rules: [{ on, nth: 1, do: 'silence' }] });
 const silentCard = (on) => [{ on, nth: 1, do: 'silence' }];
@@ -19,6 +22,7 @@ describe('passport: reads that are broken off', { concurrency: 4 }, () => {
       trigger: { on, do: 'cancel1', after: 1 }, silent: true, waiting: true, cardRules: [{ on, nth: 1, do: 'delay', ms: 60 }] })),
     ...kSteps.flatMap((on) => [{ do: 'status' }, { do: 'answer', data: '6A82' }].map((rule) => ({
       name: `while the chip works on ${on}: ends when it fails, ${rule.do}`, trigger: { on, do: 'cancel1' }, silent: true, cardRules: [{ on, nth: 1, ...rule }] }))),
+    ...kPaceSteps.map((on) => ({ name: `PACE: while the chip works on ${on}`, passport: kPaceAlone, trigger: { on, nth: on === 'SELECT APPLICATION' ? 2 : 1, do: 'cancel1' }, silent: true })),
     { name: 'in the same moment as the start', trigger: { on: 'at once', do: 'cancel1' }, silent: true },
     { name: 'at 0x7500', server: silentAt('0x7500'), trigger: { on: '0x7500', do: 'cancel1' }, code: -22003, told: 'none' },
     ...kExchanges.map((on) => ({ name: `at ${on}`, server: silentAt(on), trigger: { on, do: 'cancel1' }, silent: true })),
@@ -49,7 +53,9 @@ describe('passport: reads that are broken off', { concurrency: 4 }, () => {
       { name: `${ends} four times in the same moment as ${kind}`, ...row, trigger: { ...trigger, on: 'at once', times: 4 } },
     ];
   });
-  testReads('another read takes over from a passport read', takeover('passport', kSteps, ['0x7500', ...kExchanges]));
+  testReads('another read takes over from a passport read', [...takeover('passport', kSteps, ['0x7500', ...kExchanges]),
+    ...kPaceSteps.map((on, i) => ({ name: `at ${on} of PACE`, passport: kPaceAlone, ends: i % 2 ? 'card' : 'passport', trigger: { on, do: i % 2 ? 'startCard' : 'startPassport' },
+      cardRules: silentCard(on) }))]);
   testReads('another read takes over from a card read, where passports are concerned',
     takeover('card', STEPS, kCardExchanges).filter(({ ends }) => ends === 'passport'));
 

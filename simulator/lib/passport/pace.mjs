@@ -65,8 +65,8 @@ const STEPS = {
 
 /** The name of a GENERAL AUTHENTICATE command by its data. */
 export function nameOfStep(data) {
-  const tag = data.length > 2 ? data[2] : undefined;
-  return Object.values(STEPS).find((step) => step.tag === tag)?.name ?? 'GENERAL AUTHENTICATE';
+  const inside = 2 + (data[1] & 0x80 ? data[1] & 0x7f : 0);
+  return Object.values(STEPS).find((step) => step.tag === data[inside])?.name ?? 'GENERAL AUTHENTICATE';
 }
 
 /** One run of PACE, from MSE:Set AT on. */
@@ -122,7 +122,7 @@ export class Pace {
     const tagOf = Number.parseInt(faults.get('objectTag')?.tag ?? answers.toString(16), 16);
     const inner = faults.has('noObject') ? [] : [DER.tlv(tagOf, spoiled === undefined ? object : fromHex(spoiled)), ...more];
     return { data: DER.tlv(faults.has('outerTag') ? 0x7d : 0x7c, ...inner), channel,
-      refusedByReader: [...faults.keys()].some((fault) => PACE_ACTIONS.includes(fault) && !kHarmless.includes(fault)) };
+      refusedByReader: [...faults.values()].some((fault) => PACE_ACTIONS.includes(fault.do) && !isHarmless(fault)) };
   }
 
   _nonce(_none, faults) {
@@ -208,7 +208,7 @@ export class Pace {
 /** What rules for the steps of PACE may do beside what they do elsewhere, see README.md. */
 export const PACE_ACTIONS = Object.freeze(['echo', 'neutral', 'zeros', 'offCurve', 'beyondPrime', 'compressed', 'wrongToken',
   'object', 'objectTag', 'noObject', 'outerTag', 'nonceOf', 'leadingZero']);
-const kHarmless = ['leadingZero'];
+const isHarmless = (fault) => fault.do === 'leadingZero' || [16, 32].includes(fault.count);
 
 const toSmall = (bytes) => Number(toNumber(bytes));
 

@@ -10,10 +10,10 @@ import { DATA_GROUP_TAGS, FILE_ID, dataGroupId, fileName } from './lds.mjs';
 export const PASSPORT_STEPS = Object.freeze(['SELECT APPLICATION', 'GET CHALLENGE', 'EXTERNAL AUTHENTICATE',
   'SELECT EF.COM', 'READ EF.COM', 'SELECT EF.SOD', 'READ EF.SOD', 'SELECT DG', 'READ DG', 'INTERNAL AUTHENTICATE']);
 
-/** The steps of PACE, where there is no Basic Access Control; the application is selected after them. */
+/** The steps of PACE, where there is no Basic Access Control, numbered from 10 on; the application is selected after them. */
 export const PACE_STEPS = Object.freeze(['SELECT MF', 'SELECT EF.CardAccess', 'READ EF.CardAccess', 'MSE SET AT', 'PACE NONCE',
   'PACE MAPPING', 'PACE KEY AGREEMENT', 'PACE TOKEN']);
-const kPaceFrom = 10; // their numbers
+const kPaceFrom = 10;
 
 /** The step number of a command by its name ("READ DG11" has that of "READ DG"), or undefined. */
 export function stepOf(name) {
@@ -129,8 +129,8 @@ export class ReadingOrder {
     const step = stepOf(name);
     const ofPace = this.paced === 'begun' || PACE_STEPS.includes(name);
     if (step === undefined && !ofPace) return undefined;
-    const fits = serial === undefined || (ofPace ? serial >= kPaceFrom : serial === step);
-    if (!fits) return new Difference(name, 'serial number', ofPace ? `${kPaceFrom} or more` : step, serial);
+    const wanted = ofPace ? kPaceFrom + [...PACE_STEPS, 'SELECT APPLICATION'].indexOf(name) : step;
+    if (serial !== undefined && serial !== wanted) return new Difference(name, 'serial number', wanted, serial);
     const form = this.state === 'kept' || !name.startsWith('READ') ? this.#form(name) : undefined;
     if (form === undefined || new RegExp(`^${form.replaceAll('x', '[0-9A-F]')}$`).test(text)) return undefined;
     return new Difference(name, 'command', form, text);
