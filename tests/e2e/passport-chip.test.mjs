@@ -54,7 +54,7 @@ const kOddities = [
   ['no EF.COM', { passport: { persona: 'withoutCom' }, sod: sodText('sod dg15 dg11 dg1 dg2 dg14') }],
   ['no EF.COM, under secure messaging', { passport: { persona: 'withoutCom', refusals: 'protected' }, sod: sodText('sod dg15 dg11 dg1 dg2 dg14') }],
   ['EF.COM cannot be read', { passport: { persona: 'comUnreadable' }, sod: sodText(kAll, { com: '6982' }) }],
-  ['EF.COM lists nothing', { passport: { persona: 'comEmpty' } }],
+  ['PACE alone', { passport: { persona: 'paceAlone', brief: true } }],
   ['a group breaks off', { passport: kLong11, cardRules: [{ on: 'READ DG11', nth: 3, do: 'statusWord', status: '6F00' }], ...lost({ dg11: '6F00' }) }],
   ['a group has an answer that does not hold', { passport: kLong11, cardRules: [{ on: 'READ DG11', nth: 2, do: 'wrongMac' }], ...lost({ dg11: '9000' }) }],
   ['at most 200 bytes at a time', { cardRules: [{ on: 'any', do: 'mostLe', le: 200 }] }],

@@ -2,15 +2,14 @@
 // replay.test.mjs.
 
 import assert from 'node:assert/strict';
-import { constants, createHash, privateEncrypt, randomBytes } from 'node:crypto';
+import { constants, createHash, privateEncrypt } from 'node:crypto';
 import { once } from 'node:events';
 import { connect } from 'node:net';
 import { test } from 'node:test';
 import { checkWhole } from '../../simulator/lib/decode-server/passport-files.mjs';
 import { verifyPassport } from '../../simulator/lib/decode-server/passport-verification.mjs';
-import { DecodeServer } from '../../simulator/lib/decode-server/server.mjs';
 import { filesByName, packPassport } from '../../simulator/lib/passport-persona.mjs';
-import { issuePassport } from '../../simulator/lib/passport/specimen.mjs';
+import { DecodeServer, issuePassport } from '../../simulator/index.mjs';
 import { recordReads } from './recording.mjs';
 
 const kPassport = issuePassport({ dataGroups: [1, 11, 15] });
@@ -38,9 +37,8 @@ async function told(pieces, { config, sockets = [0] } = {}) {
 test('answers, and their fields by name', async () => {
   const { answers, differences, exchanges } = await told([first, second, third], { sockets: [0, 0, 1] });
   assert.match(differences[0], /connection is one more, expected new after the old one is closed/);
-  assert.match(answers[1], /^720000002e72010000000008aa/);
-  assert.equal(answers[2], null);
-  assert.deepEqual([exchanges[0].fields.terId, exchanges[0].answer.businessId, exchanges[1].answer.token.length], [0x51, 'SIMULATED-READ-000001', 32]);
+  assert.deepEqual([answers[1].slice(0, 26), answers[2], exchanges[0].fields.terId, exchanges[0].answer.businessId, exchanges[1].answer.token.length],
+    ['720000002e72010000000008aa', null, 0x51, 'SIMULATED-READ-000001', 32]);
 });
 
 /** What a connection begins with, and what is said of it. */
@@ -52,11 +50,8 @@ const kWrong = [
   ['another environment', first, /environment of the reader is 268: its key opens the envelope, expected 52302/, { envIdCode: 52302 }],
   ['other keys', first, /environment of the reader is none of these/, { keys: { 268: '00'.repeat(16), 52302: '11'.repeat(16) } }],
 ];
-test('what is wrong is reported in words', async () => {
+test('what is wrong is reported in words, and answered as configured', async () => {
   for (const [name, piece, says, config] of kWrong) assert.match((await told([piece], { config })).differences[0], says, name);
-});
-
-test('a difference is answered as configured', async () => {
   const wrong = Buffer.concat([first.subarray(0, -1), Buffer.of(first.at(-1) ^ 1)]);
   const { answers: [answer] } = await told([wrong], { config: { onDifference: 'status:001301' } });
   assert.equal(answer.slice(10, 16), '001301');
@@ -65,15 +60,12 @@ test('a difference is answered as configured', async () => {
   }
 });
 
-// --- passports ---------------------------------------------------------------------------------------------------------------
-
 const kChallenge = Buffer.from('0102030405060708', 'hex');
 
 /** ISO/IEC 9796-2 scheme 1 over the challenge. */
 function prove(key) {
-  const own = randomBytes(106);
-  const hash = createHash('sha1').update(own).update(kChallenge).digest();
-  return privateEncrypt({ key, padding: constants.RSA_NO_PADDING }, Buffer.concat([Buffer.of(0x6a), own, hash, Buffer.of(0xbc)]));
+  const hash = createHash('sha1').update(Buffer.alloc(106, 0xa5)).update(kChallenge).digest();
+  return privateEncrypt({ key, padding: constants.RSA_NO_PADDING }, Buffer.concat([Buffer.of(0x6a), Buffer.alloc(106, 0xa5), hash, Buffer.of(0xbc)]));
 }
 const flipped = (bytes, at) => Buffer.from(bytes.map((byte, i) => (i === at ? byte ^ 1 : byte)));
 const kFiles = filesByName(kPassport);

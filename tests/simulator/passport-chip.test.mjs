@@ -3,10 +3,8 @@
 import assert from 'node:assert/strict';
 import { createECDH } from 'node:crypto';
 import { test } from 'node:test';
-import { CardLink } from '../../simulator/lib/card-link.mjs';
-import { PASSPORT_PACE, PassportChip } from '../../simulator/lib/passport/chip.mjs';
 import { CURVES, toBytes, toNumber } from '../../simulator/lib/passport/curves.mjs';
-import { issuePassport } from '../../simulator/lib/passport/specimen.mjs';
+import { CardLink, PassportChip, issuePassport } from '../../simulator/index.mjs';
 
 const bytes = (text) => Buffer.from(text, 'hex');
 const hex = (data) => data.toString('hex').toUpperCase();
@@ -126,7 +124,7 @@ test('curves: sums and multiples', () => {
   }
 });
 
-test('the link carries the chip\'s rules to it, spoils answers itself and keeps the pace', async () => {
+test('the link carries the chip\'s rules to it, and spoils answers itself', async () => {
   const chip = new PassportChip();
   assert.throws(() => new CardLink(chip, { rules: [{ on: 'any', do: 'nonsense' }] }), /no such action/);
   const link = new CardLink(chip, { rules: [{ on: 'GET CHALLENGE', nth: [1, 4], do: 'statusWord', status: '6D00' },
@@ -140,10 +138,4 @@ test('the link carries the chip\'s rules to it, spoils answers itself and keeps 
   assert.deepEqual(got.map(({ length }) => length), [2, 2, 300, 9, 2]);
   link.setRules([{ on: 1, nth: 2, do: 'gone' }]);
   assert.deepEqual([(await carry('0084000008', 1)).length, await carry('0084000008', 1), await carry(kApplication, 0)], [10, -1, -1]);
-  link.setRules([]);
-  Object.assign(link, PASSPORT_PACE);
-  const start = performance.now();
-  for (let i = 0; i < 20; i += 1) await carry('0084000008', 1);
-  const wanted = 20 * (8.4 + 15 * 0.112);
-  assert.ok(performance.now() - start > wanted - 3, `took ${performance.now() - start} instead of ${wanted} ms`);
 });

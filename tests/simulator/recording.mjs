@@ -7,25 +7,20 @@ import { createHash } from 'node:crypto';
 import { once } from 'node:events';
 import { fileURLToPath } from 'node:url';
 import { fromHex, hex } from '../../simulator/lib/bytes.mjs';
-import { CardLink } from '../../simulator/lib/card-link.mjs';
 import { completeConfig } from '../../simulator/lib/decode-server/config.mjs';
-import { DecodeServer } from '../../simulator/lib/decode-server/server.mjs';
 import { Session } from '../../simulator/lib/decode-server/session.mjs';
-import { IdentityCard } from '../../simulator/lib/identity-card.mjs';
-import { loadKeys } from '../../simulator/lib/keys.mjs';
-import { PassportChip } from '../../simulator/lib/passport/chip.mjs';
-import { expectedPassport, unpackPassport } from '../../simulator/lib/passport-persona.mjs';
-import { DEFAULT_IDENTITY, expectedPersona } from '../../simulator/lib/persona.mjs';
-import { DEFAULT_LIBRARY, Reader } from '../../simulator/lib/reader.mjs';
+import { unpackPassport } from '../../simulator/lib/passport-persona.mjs';
+import { DEFAULT_LIBRARY } from '../../simulator/lib/reader.mjs';
+import { CardLink, DEFAULT_IDENTITY, DecodeServer, IdentityCard, PassportChip, Reader, expectedPassport, expectedPersona, loadKeys } from '../../simulator/index.mjs';
 
 const kKeys = loadKeys(fileURLToPath(new URL('../../keys/development_keys.h', import.meta.url))).decode;
-const kCard = Object.fromEntries(Object.entries({ managementData: 32, file6011: 214, file6012: 256, file6013: 1024 }).map(([name, size]) => [name, hex(Buffer.from(Array.from({ length: size }, (_, i) => (i * 7 + size) & 0xff)))]));
+const bytesOf = (size) => hex(Buffer.from(Array.from({ length: size }, (_, i) => (i * 7 + size) & 0xff)));
+const kCard = { managementData: bytesOf(32), file6011: bytesOf(214), file6012: bytesOf(256), file6013: bytesOf(1024) };
 
 /** The same random numbers each time. */
 function sameRandom() {
   let drawn = 0;
-  return (count) => Buffer.concat(Array.from({ length: Math.ceil(count / 32) }, () =>
-    createHash('sha256').update(String(drawn += 1)).digest())).subarray(0, count);
+  return (count) => createHash('shake256', { outputLength: count }).update(String(drawn += 1)).digest();
 }
 
 /** What takes part in a read; `passport` in its plain form. */
@@ -57,9 +52,8 @@ async function record({ slow = 0, ...setting }) {
 
 if (process.argv[2] === 'record') {
   process.once('message', async (settings) => {
-    const reads = [];
-    for (const setting of settings) reads.push(await record(setting));
-    process.send(reads, () => process.disconnect());
+    for (const setting of settings) process.send(await record(setting));
+    process.disconnect();
   });
 }
 
@@ -67,7 +61,9 @@ if (process.argv[2] === 'record') {
 export async function recordReads(settings) {
   const child = fork(fileURLToPath(import.meta.url), ['record'], { stdio: ['ignore', 'ignore', 'ignore', 'ipc'] });
   child.send(settings);
-  const [reads] = await once(child, 'message');
+  const reads = [];
+  child.on('message', (read) => reads.push(read));
+  await once(child, 'close');
   return reads.map(({ code, differences, commands, requests }, i) => {
     assert.deepEqual([code, differences], [0, []]);
     const { layCard, serverConfig } = participants(settings[i]);
