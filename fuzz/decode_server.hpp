@@ -1,5 +1,5 @@
 // A decode server without a network: it takes the place of the library's connection (the linker sends the
-// calls here, see CMakeLists.txt), opens the requests of a passport read, and answers well or badly.
+// calls here, see CMakeLists.txt), opens the requests of a read, and answers well or badly.
 #pragma once
 
 #include "core/result_code.h"
@@ -26,14 +26,18 @@ enum class Reply : uint8_t { kGood, kNone, kStatus, kSealed, kPayload, kRaw };
 
 class DecodeServer {
  public:
-  static constexpr uint32_t kCommands[] = {0x7500, 0x7201, 0x7202, 0x7219};
+  static constexpr uint32_t kCommands[] = {0x7500, 0x7201, 0x7202, 0x7219,  // of a passport read
+                                           0x5001, 0x5012, 0x5022, 0x5032, 0x6002, 0x6102, 0x6113};
+  static constexpr size_t kPassportCommands = 4;
   static constexpr int32_t kStatusCode = -1301;
 
   struct Plan {
     Reply reply = Reply::kGood;
     Bytes content;
   };
-  std::array<Plan, std::size(kCommands)> plans;
+  std::array<Plan, kPassportCommands> plans;
+  std::array<Plan, std::size(kCommands) - kPassportCommands> card_plans;
+  uint8_t header = 0x72;
   uint8_t refused_connects = 0;  // bit n: the connect of that number fails
   bool timing = false;           // asks for times
 
@@ -53,9 +57,9 @@ class DecodeServer {
   Bytes answer(View request) {
     if (!connected_) return {};
     const size_t which = open(request);
-    const Plan& plan = plans[which];
+    const Plan& plan = which < kPassportCommands ? plans[which] : card_plans[which - kPassportCommands];
     const uint32_t command = kCommands[which];
-    const uint8_t type = command == 0x7202 ? 0x99 : 0xAA;
+    const uint8_t type = is_flagged(command) ? 0x99 : 0xAA;
     if (plan.reply != Reply::kGood && command != 0x7219) all_good_ = false;
     if (plan.reply >= Reply::kSealed) sent_anything_ = true;
     if (plan.reply > Reply::kSealed) knows_secrets_ = false;
@@ -65,18 +69,18 @@ class DecodeServer {
       case Reply::kRaw:
         return plan.content;
       case Reply::kPayload:
-        return response_frame(0x72, command, type, 8, plan.content);
+        return response_frame(header, command, type, 8, plan.content);
       case Reply::kStatus:
-        return response_frame(0x72, command, type, 8, Bytes{0}, 0x1301);
+        return response_frame(header, command, type, 8, Bytes{0}, 0x1301);
       default:
-        return response_frame(0x72, command, type, 8, payload(command, plan));
+        return response_frame(header, command, type, 8, payload(command, plan));
     }
   }
 
  private:
   // Which command it is. Its frame is looked at, and what is encrypted in it.
   size_t open(View request) {
-    require(request.size() > 14 && request[0] == 0x72);
+    require(request.size() > 14 && request[0] == header);
     const auto has_code = [&](uint32_t c) {
       return number(request.subspan(1 + test::length_width(c), 2)) == c;
     };
@@ -91,7 +95,7 @@ class DecodeServer {
     const View body = request.subspan(8 + width, request.size() - 9 - width);
     if (command == 0x7500) take_authentication(body, type);
     if (!knows_secrets_) return static_cast<size_t>(found - kCommands);
-    if (command == 0x7201) check_secret(command, type, body);
+    if (command == 0x7201 || command <= 0x6002) check_secret(command, type, body);
     if (command == 0x7202) {
       require(has_prefix(body, token_));
       check_secret(command, type, body.subspan(token_.size()));
@@ -103,6 +107,10 @@ class DecodeServer {
       require(sum(View(block).first(block.size() - 1)) == block.back());
     }
     return static_cast<size_t>(found - kCommands);
+  }
+
+  static bool is_flagged(uint32_t command) {
+    return command == 0x7202 || command == 0x6102 || command == 0x6113;
   }
 
   static bool has_prefix(View body, const std::array<uint8_t, 16>& prefix) {
@@ -122,13 +130,13 @@ class DecodeServer {
   void check_secret(uint32_t command, uint8_t type, View sealed) const {
     const Bytes frame = opened(sealed, key_.data());
     require(type == 0xAA && frame.size() > 12);
-    require(frame == secret_frame(command, View(frame).first(frame.size() - 3).subspan(9)));
+    require(open_secret(frame, command).has_value());
   }
 
   Bytes payload(uint32_t command, const Plan& plan) {
     const Bytes plain = plan.reply == Reply::kGood ? good_content(command) : plan.content;
     const Bytes sealed = seal(plain, key_.data());
-    if (command == 0x7202) return Bytes{1} + sealed;
+    if (is_flagged(command)) return Bytes{1} + sealed;
     if (command == 0x7201 && plain.size() <= token_.size()) {
       token_.fill(0);
       std::copy(plain.begin(), plain.end(), token_.begin());
@@ -140,7 +148,9 @@ class DecodeServer {
 
   Bytes good_content(uint32_t command) const {
     if (command == 0x7201) return Bytes(16, 0x70);
-    if (command == 0x7202) return {0, 1, 2};  // an idType
+    if (is_flagged(command)) return {0, 1, 2};  // an idType
+    if (command == 0x5012) return secret_frame(command, Bytes{0x00, 0x84, 0x00, 0x00, 0x08});
+    if (command <= 0x6002) return secret_frame(command == 0x5032 ? 0x5022 : command, Bytes(8, 0x5E));
     if (command == 0x7219) return {0};
     const Bytes id = {0, 3, 'B', 'I', 'Z'};
     Bytes block = Bytes{0, 41} + View(work_key(), 16) + id + Bytes(16, 0xC5);

@@ -343,6 +343,11 @@ ssize_t __wrap_getrandom(void* out, size_t size, unsigned) {
   return static_cast<ssize_t>(size);
 }
 
+size_t allocations_of_last_run();
+size_t allocations_of_last_run() {
+  return g_heap.num_taken;
+}
+
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size > 4096) return 0;
   Application application(data, size);

@@ -11,6 +11,7 @@
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+extern "C" __attribute__((weak)) size_t allocations_of_last_run();
 
 namespace {
 
@@ -45,6 +46,21 @@ void run_with_neighbours(const std::vector<uint8_t>& input) {
   }
 }
 
+#ifdef TQREADER_FAILING_ALLOCATION  // where in an input the number of the failing one stands, in two bytes
+void sweep_allocations(const std::vector<uint8_t>& whole) {
+  run_one(whole);
+  const size_t count = allocations_of_last_run();
+  if (count == 0) std::abort();
+  for (size_t n = 1; n <= count; ++n) {
+    std::vector<uint8_t> failing = whole;
+    failing[TQREADER_FAILING_ALLOCATION] = static_cast<uint8_t>(n >> 8);
+    failing[TQREADER_FAILING_ALLOCATION + 1] = static_cast<uint8_t>(n);
+    run_one(failing);
+    run_one(whole);
+  }
+}
+#endif
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -60,6 +76,9 @@ int main(int argc, char** argv) {
     std::ifstream in(file, std::ios::binary);
     const std::vector<char> bytes{std::istreambuf_iterator<char>(in), {}};
     run_with_neighbours({bytes.begin(), bytes.end()});
+#ifdef TQREADER_FAILING_ALLOCATION
+    if (file.filename().string().starts_with("whole")) sweep_allocations({bytes.begin(), bytes.end()});
+#endif
   }
   std::printf("%zu\n", files.size());
   return files.empty() ? 1 : 0;
