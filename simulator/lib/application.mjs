@@ -82,7 +82,7 @@ export class Application extends EventEmitter {
 
   /** A connection to the card or passport. */
   connection(onStep = (step) => this.emit('step', step)) {
-    return new LinkConnection(this.#link, () => this.module.oldest?.serial, onStep,
+    return new LinkConnection(this.#link, () => this.module.open?.serial, onStep,
       (rules) => this.emit('rules', rules));
   }
 

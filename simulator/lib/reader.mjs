@@ -100,7 +100,7 @@ export class Reader extends EventEmitter {
    */
   start(passport) {
     const handler = passport ? 'passportHandler' : 'idCardHandler';
-    const read = { steps: [], monitors: [], startedAt: Date.now(), handler };
+    const read = { steps: [], monitors: [], startedAt: Date.now(), handler, open: 0 };
     read.result = new Promise((resolve) => {
       read.settle = resolve;
     });
@@ -169,10 +169,14 @@ export class Reader extends EventEmitter {
       return parse(text);
     } catch (error) {
       if (!(error instanceof Difference)) throw error;
-      this.differences.push(error);
-      this.emit('difference', error);
+      this.#differ(error);
       return undefined;
     }
+  }
+
+  #differ(difference) {
+    this.differences.push(difference);
+    this.emit('difference', difference);
   }
 
   #onCommand(text) {
@@ -181,15 +185,24 @@ export class Reader extends EventEmitter {
     const { command, serial } = parsed;
     const at = now();
     const read = this.#current;
+    this.#countOut(read, serial);
     const { name, rules } = this.#link.transmit(command, serial, (delivery) => {
       const step = { name, serial, command: hex(command), answer: hex(delivery.data), at, ms: Math.round(now() - at) };
       read?.steps.push(step);
+      if (read) read.open -= 1;
       this.emit('step', step);
       this.module[read?.handler ?? 'idCardHandler'](hex(delivery.data), delivery.serial, delivery.status);
     });
     this.emit('command', { name, serial, command: hex(command), at });
     if (rules.length > 0) this.emit('rules', { name, rules, at });
     return 0;
+  }
+
+  /** A read that waits has one command with the application; answers that are too many only make it fewer. */
+  #countOut(read, serial) {
+    if (!read) return;
+    read.open += 1;
+    if (read.open > 1) this.#differ(new Difference('card callback', 'command', 'none before the last one is answered', serial));
   }
 
   #onMonitor(raw) {

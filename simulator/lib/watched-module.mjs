@@ -1,6 +1,6 @@
-// The native module, watched: what the library hands to the application is checked byte for byte, and so is that the
-// application answers each command exactly once, in order, with the command's own number. One answer to no command is as it
-// should be: that which makes the library skip a data group whose READ the passport has refused.
+// The native module, watched: what the library hands to the application is checked byte for byte; that it has never more than
+// one command with the application, and none when it reports a result; and that the application answers each command once, with
+// the command's own number.
 
 import { EventEmitter } from 'node:events';
 import { Difference } from './difference.mjs';
@@ -8,24 +8,19 @@ import { parseCommandText, parseResultText } from './host-texts.mjs';
 import { parseMonitorRecord } from './monitor-record.mjs';
 
 const kMostAnswer = 300;
-const kSelectGroup = 7; // numbers of a passport's steps
-const kReadGroup = 8;
-const kRefusal = /^(?!.*9000(00)?$)([0-9A-F]{2})+$/;
 
 /**
  * Has the native module's functions. Events:
  *   'command'     { serial, command }        before the card function is called
- *   'answer'      { serial, data, status, skips }  the application has handed over an answer; `skips`: to skip a data group
+ *   'answer'      { serial, data, status }   the application has handed over an answer
  *   'monitor'     { raw, record }, 'result' { code, flag, data, raw }
  *   'difference'  a Difference
  */
 export class WatchedModule extends EventEmitter {
   #module;
-  #unanswered = []; // commands
+  #open = null; // the command that is with the application
   #kind = null; // name of the handler of the running read
   #cancelled = false;
-  #woken = false;
-  #refusedGroup = false; // the last answer refused the READ of a data group
 
   constructor(module) {
     super();
@@ -35,8 +30,8 @@ export class WatchedModule extends EventEmitter {
   }
 
   /** The command that is to be answered next. */
-  get oldest() {
-    return this.#unanswered[0];
+  get open() {
+    return this.#open;
   }
 
   getIdInfo() {
@@ -64,7 +59,8 @@ export class WatchedModule extends EventEmitter {
     return this.#module.registerCardCallback((text) => {
       const command = this.#checked(parseCommandText, text);
       if (!command) return;
-      this.#unanswered.push(command);
+      if (this.#open) this.#differ(new Difference('card callback', 'command', `none before ${this.#open.serial} is answered`, command.serial));
+      this.#open = command;
       this.emit('command', command);
       callback(text);
     });
@@ -81,6 +77,7 @@ export class WatchedModule extends EventEmitter {
   registerResultCallback(callback) {
     return this.#module.registerResultCallback((raw) => {
       const result = this.#checked(parseResultText, raw);
+      if (this.#open && !this.#cancelled) this.#differ(new Difference('result callback', 'command without an answer', 'none', this.#open.serial));
       if (result) this.emit('result', { ...result, raw });
       callback(raw);
     });
@@ -90,31 +87,24 @@ export class WatchedModule extends EventEmitter {
     const code = start();
     if (code === 0) {
       this.#kind = kind;
-      this.#unanswered = [];
+      this.#open = null;
       this.#cancelled = false;
-      this.#woken = false;
-      this.#refusedGroup = false;
     }
     return code;
   }
 
   #answered(kind, [data, serial, status]) {
-    const command = this.#unanswered.shift();
-    const refuses = kind === 'passportHandler' && status === 0 && kRefusal.test(data) && data.length <= 2 * kMostAnswer;
-    const skips = command === undefined && this.#refusedGroup && refuses && serial === kSelectGroup;
-    this.#refusedGroup = command?.serial === kReadGroup && refuses;
-    // A cancelled read may be woken, once, with an answer that no command asked for.
-    if (command === undefined && !skips) {
-      const woken = this.#cancelled && !this.#woken;
-      this.#woken = true;
-      if (!woken) this.#differ(new Difference('answer', 'command that it answers', 'one', 'none'));
-    } else if (!skips) {
+    const command = this.#open;
+    this.#open = null;
+    if (!command) {
+      this.#differ(new Difference('answer', 'command that it answers', 'one', 'none'));
+    } else {
       const fit = kind === this.#kind && serial === command.serial;
       const wellFormed = /^([0-9A-F]{2})*$/.test(data) && data.length <= 2 * kMostAnswer && [0, -1].includes(status);
       if (!fit) this.#differ(new Difference('answer', 'handler and number', `${this.#kind} ${command.serial}`, `${kind} ${serial}`));
       if (!wellFormed) this.#differ(new Difference('answer', 'data and status', 'hexadecimal, 0 or -1', `${data}, ${status}`));
     }
-    this.emit('answer', { serial, data, status, skips });
+    this.emit('answer', { serial, data, status });
     this.#module[kind](data, serial, status);
   }
 

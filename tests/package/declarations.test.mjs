@@ -29,23 +29,10 @@ const kFits = {
 };
 const kUnlogged = { initSdk: ['decodeMode', 'readMode'] }; // see below
 const kGiven = { string: (i) => `"text${i}"`, number: (i) => `${701 + i}` };
-
-function argumentOf(fn, { name, type }, i) {
-  const fit = kFits[fn.name]?.[name];
-  if (fit !== undefined) return JSON.stringify(fit);
-  return kGiven[type]?.(i) ?? '(...given) => { tell.calls = (tell.calls ?? 0) + 1; return 1700000000000; }';
-}
-
-const logged = (log, value) => {
-  const texts = [value, Number.isInteger(value) ? value.toString(16).toUpperCase() : value];
-  return texts.some((text) => new RegExp(`(^|[^0-9A-Za-z-])${text}([^0-9A-Za-z]|$)`, 'm').test(log));
-};
-
-test('the module has the declared functions, in the documented order', () => {
-  const { told } = run('tell(Object.getOwnPropertyNames(tq))');
-  assert.deepEqual(told, functions.map(({ name }) => name));
-  assert.equal(functions.length, 13);
-});
+const kFunction = '(...given) => { tell.calls = (tell.calls ?? 0) + 1; return 1700000000000; }';
+const argumentOf = (fn, { name, type }, i) => JSON.stringify(kFits[fn.name]?.[name]) ?? kGiven[type]?.(i) ?? kFunction;
+const logged = (log, value) => [value, Number.isInteger(value) ? value.toString(16).toUpperCase() : value]
+  .some((text) => new RegExp(`(^|[^0-9A-Za-z-])${text}([^0-9A-Za-z]|$)`, 'm').test(log));
 
 for (const fn of functions) {
   test(`${fn.name} takes and returns what is declared`, () => {
@@ -59,42 +46,29 @@ for (const fn of functions) {
       }
     }
     assert.ok(!logged(log, 'onetoomany') && !logged(log, 80808), 'there are no more arguments');
-    if (fn.name.startsWith('register')) {
-      assert.deepEqual([fn.parameters.length, result, run(`tell(tq.${fn.name}(1))`).told], [1, 0, -13008]);
-    }
+    if (fn.name.startsWith('register')) assert.deepEqual([fn.parameters.length, result, run(`tell(tq.${fn.name}(1))`).told], [1, 0, -13008]);
     if (fn.name === 'getDeviceNFCLocation') assert.equal(calls, 1, 'the last argument is the time function');
-  });
-  test(`${fn.name} is documented`, () => {
-    assert.deepEqual(fn.documented, fn.parameters.map(({ name }) => name));
-    assert.equal(/@returns/.test(fn.text), fn.returns !== 'void');
+    assert.deepEqual([fn.documented, /@returns/.test(fn.text)], [fn.parameters.map(({ name }) => name), fn.returns !== 'void']);
   });
 }
 
-test('the two modes of initSdk stand where they are declared', () => {
+test('the functions stand in the documented order, and the two modes of initSdk where they are declared', () => {
+  assert.deepEqual([run('tell(Object.getOwnPropertyNames(tq))').told, functions.length], [functions.map(({ name }) => name), 13]);
   const { parameters } = functions.find(({ name }) => name === 'initSdk');
   const code = (changes) => run(`tell(tq.initSdk(${parameters.map((parameter, i) =>
     changes[parameter.name] ?? argumentOf({ name: 'initSdk' }, parameter, i)).join(', ')}))`).told;
   assert.deepEqual([{}, { decodeMode: 2 }, { readMode: 0 }, { decodeMode: 1, readMode: 1 }].map(code), [0, -13009, -13009, 0]);
 });
 
-test('the codes are those of the library, in declarations and constants', () => {
-  const header = readFileSync(`${kRoot}src/core/result_code.h`, 'utf8');
-  const codes = [...header.matchAll(/^ {2}TQ_(\w+) = (-?\d+)/gm)].map(([, name, code]) => [Number(code), name]);
+test('the codes are those of the library, in declarations and constants, and each has words', () => {
+  const codes = [...readFileSync(`${kRoot}src/core/result_code.h`, 'utf8').matchAll(/^ {2}TQ_(\w+) = (-?\d+)/gm)].map(([, name, code]) => [Number(code), name]);
   assert.ok(codes.length >= 22);
-  const table = declaredCodes();
-  assert.deepEqual(table.map(([code, name]) => [code, name]), codes);
-  assert.deepEqual(RESULT_CODES.map(({ code, name, meaning }) => [code, name, meaning]), table);
+  assert.deepEqual(declaredCodes().map(([code, name]) => [code, name]), codes);
+  assert.deepEqual(RESULT_CODES.map(({ code, name, meaning }) => [code, name, meaning]), declaredCodes());
   assert.deepEqual(codes.map(([, name]) => ResultCode[name]), codes.map(([code]) => code));
-});
-
-test('a code in words', () => {
-  const names = READER_CODES.map(({ name }) => name);
-  assert.deepEqual(names.map((name) => ReaderCode[name]), READER_CODES.map(({ code }) => code));
+  assert.deepEqual(READER_CODES.map(({ name }) => ReaderCode[name]), READER_CODES.map(({ code }) => code));
   const all = [...RESULT_CODES, ...READER_CODES];
   assert.equal(new Set(all.map(({ code }) => code)).size, all.length);
-  for (const entry of all) {
-    assert.equal(describeCode(entry.code), entry);
-    assert.ok(new TqError(entry.code).advice.length > 10, entry.name);
-  }
+  for (const entry of all) assert.deepEqual([describeCode(entry.code), new TqError(entry.code).advice.length > 10], [entry, true]);
   assert.deepEqual([describeCode(-1301).name, describeCode(-1301).code], ['SERVER_STATUS', -1301]);
 });
