@@ -75,6 +75,12 @@ static __typeof__(&cardCallback) g_card;
 static __typeof__(&shareMonitorDataCallback) g_monitor;
 static __typeof__(&shareResultCallback) g_result;
 static __typeof__(&tq_mem_malloc) g_malloc;
+static __typeof__(&shareGetNowTimeCallback) g_time;
+
+static void* ask_time(void* out) {
+  *(int64_t*)out = g_time();
+  return NULL;
+}
 
 static void* ask(void* unused) {
   const monitor_param record = {
@@ -122,6 +128,7 @@ int main(int argc, char** argv) {
   g_card = (__typeof__(g_card))dlsym(library, "cardCallback");
   g_monitor = (__typeof__(g_monitor))dlsym(library, "shareMonitorDataCallback");
   g_result = (__typeof__(g_result))dlsym(library, "shareResultCallback");
+  g_time = (__typeof__(g_time))dlsym(library, "shareGetNowTimeCallback");
   g_malloc = (__typeof__(g_malloc))dlsym(library, "tq_mem_malloc");
   const int num_before = num_threads();
 
@@ -133,6 +140,12 @@ int main(int argc, char** argv) {
          "the second environment is asked");
   end_environment(second, kHooksThenCalls);
   expect(g_card((const uint8_t*)"", 0, 1, NULL) == 0 && num_queued(first) == 1, "and then the first");
+  pthread_t thread;
+  int64_t time = 0;
+  expect(pthread_create(&thread, NULL, ask_time, &time) == 0, "a thread");
+  WAIT_UNTIL((run_loop(first), num_threads() == num_before));
+  pthread_join(thread, NULL);
+  expect(time == 1700000000000, "its time function answers a thread that is no worker");
   expect(call(first, "getIdInfo", "") == TQ_OK && call(first, "getIdInfo", "") == TQ_OK, "one takes over");
   WAIT_UNTIL((run_loop(first), g_num_calls > 2));
   call(third, "cancelCard", "i", 0);
