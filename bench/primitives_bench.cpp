@@ -10,10 +10,13 @@
 #include <benchmark/benchmark.h>
 #include <openssl/bn.h>
 #include <openssl/core_names.h>
+#include <openssl/ec.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
+#include <openssl/obj_mac.h>
 #include <openssl/provider.h>
 #include <openssl/rsa.h>
+#include <openssl/sha.h>
 
 #include <algorithm>
 #include <array>
@@ -26,8 +29,10 @@
 #include <string>
 #include <vector>
 
+#include "crypto/aes.hpp"
 #include "crypto/aes128.hpp"
 #include "crypto/des.h"
+#include "crypto/elliptic_curve.hpp"
 #include "crypto/hmac.hpp"
 #include "crypto/md5.hpp"
 #include "crypto/rc4.hpp"
@@ -37,11 +42,13 @@
 #include "crypto/sm3.h"
 #include "crypto/sm4.h"
 #include "openssl_messaging.hpp"
+#include "passport/pace.hpp"
 #include "passport/secure_messaging.h"
 
 namespace {
 
 constexpr int32_t kFileChunk = 212;  // of one READ BINARY
+constexpr int32_t kFileBlocks = 224;
 constexpr int32_t kRsaLen = 256;
 constexpr size_t kRoom = 16384 + 64;
 constexpr int kEncrypt = 1;
@@ -121,9 +128,9 @@ Run our_des_cbc(SetKey set_key, Crypt crypt, int32_t mode) {
   };
 }
 
-template <typename Crypt>
+template <class Key, typename Crypt>
 Run our_aes_cbc(Crypt crypt) {
-  auto key = std::make_shared<tq::Aes128>(std::span<const uint8_t, 16>(kKey.data(), 16));
+  auto key = std::make_shared<Key>(std::span<const uint8_t, 16>(kKey.data(), 16));
   return [key, crypt](const Message& in, int32_t length, Message& out) {
     std::array<uint8_t, 16> iv;
     std::copy_n(kKey.begin(), iv.size(), iv.begin());
@@ -192,6 +199,162 @@ Primitive rsa_public_operation() {
                     "EVP_PKEY_encrypt");
           },
           {kRsaLen}};
+}
+
+void our_cmac(const Message& in, int32_t length, Message& out) {
+  const tq::Aes key{std::span(kKey).first<16>()};
+  tq::Cmac cmac(key);
+  cmac.update({in.data(), static_cast<size_t>(length)});
+  cmac.finish(std::span(out).first<16>());
+}
+
+void openssl_mac(std::span<const uint8_t> key, std::span<const uint8_t> data, uint8_t* out) {
+  size_t len = 0;
+  require(EVP_Q_mac(nullptr, "CMAC", nullptr, "AES-128-CBC", nullptr, key.data(), key.size(), data.data(),
+                    data.size(), out, 16, &len) != nullptr,
+          "EVP_Q_mac");
+}
+
+void openssl_cmac(const Message& in, int32_t length, Message& out) {
+  openssl_mac(std::span(kKey).first(16), std::span(in).first(static_cast<size_t>(length)), out.data());
+}
+
+class OpenSslCurve {
+ public:
+  explicit OpenSslCurve(int nid) : group_(EC_GROUP_new_by_curve_name(nid), EC_GROUP_free) {}
+
+  // scalar * base + summand, from bytes to bytes; no base is the generator.
+  Message product(std::span<const uint8_t> scalar, const Message& base, const Message& summand = {}) const {
+    const std::shared_ptr<BIGNUM> k(BN_bin2bn(scalar.data(), static_cast<int>(scalar.size()), nullptr),
+                                    BN_free);
+    const auto result = decoded({});
+    const auto point = decoded(base);
+    EC_POINT_mul(group_.get(), result.get(), base.empty() ? k.get() : nullptr,
+                 base.empty() ? nullptr : point.get(), base.empty() ? nullptr : k.get(), ctx_.get());
+    if (!summand.empty())
+      EC_POINT_add(group_.get(), result.get(), result.get(), decoded(summand).get(), ctx_.get());
+    Message out(tq::kMaxPointLen);
+    out.resize(EC_POINT_point2oct(group_.get(), result.get(), POINT_CONVERSION_UNCOMPRESSED, out.data(),
+                                  out.size(), ctx_.get()));
+    return out;
+  }
+
+ private:
+  std::shared_ptr<EC_POINT> decoded(const Message& bytes) const {
+    std::shared_ptr<EC_POINT> point(EC_POINT_new(group_.get()), EC_POINT_free);
+    if (!bytes.empty()) EC_POINT_oct2point(group_.get(), point.get(), bytes.data(), bytes.size(), ctx_.get());
+    return point;
+  }
+
+  std::shared_ptr<EC_GROUP> group_;
+  std::shared_ptr<BN_CTX> ctx_{BN_CTX_new(), BN_CTX_free};
+};
+
+// The message is the scalar.
+Primitive point(const char* name, const tq::CurveParameters& parameters, int nid) {
+  const tq::Curve curve(parameters);
+  const OpenSslCurve peer(nid);
+  const Message base = peer.product(std::span(kKey).first(24), {});
+  const auto len = static_cast<int32_t>(parameters.field_len);
+  return {name,
+          [curve, base](const Message& in, int32_t length, Message& out) {
+            tq::Curve::Point product{};
+            tq::Scalar scalar{};
+            curve.reduce(std::span(in).first(static_cast<size_t>(length)), scalar);
+            require(curve.decode(base, product), "decode");
+            curve.multiply(scalar, product, product);
+            require(curve.encode(product, out), "encode");
+          },
+          [peer, base](const Message& in, int32_t length, Message& out) {
+            const Message product = peer.product(std::span(in).first(static_cast<size_t>(length)), base);
+            std::copy(product.begin(), product.end(), out.begin());
+          },
+          {len}};
+}
+
+Message from_hex(const char* digits) {
+  long len = 0;
+  const std::unique_ptr<uint8_t, void (*)(uint8_t*)> bytes(OPENSSL_hexstr2buf(digits, &len),
+                                                           [](uint8_t* b) { OPENSSL_free(b); });
+  return {bytes.get(), bytes.get() + len};
+}
+
+// ICAO 9303-11 appendix G.1. The result is our token and the session keys.
+Primitive pace() {
+  const Message password = from_hex("7E2D2A41C74EA0B38CD36F863939BFA8E9032AAD");
+  const Message nonce = from_hex("95A3A016522EE98D01E76CB6B98B42C3");
+  const Message secrets[] = {from_hex("7F4EF07B9EA82FD78AD689B38D0BC78CF21F249D953BC46F4C6E19259C010F99"),
+                             from_hex("A73FB703AC1436A18E0CFA5ABB3F7BEC7A070E7A6788486BEE230C4A22762595")};
+  const Message chip_keys[] = {
+      from_hex(
+          "04824FBA91C9CBE26BEF53A0EBE7342A3BF178CEA9F45DE0B70AA601651FBA3F5730D8C879AAA9C9F73991E61B58F4D5"
+          "2EB87A0A0C709A49DC63719363CCD13C54"),
+      from_hex(
+          "049E880F842905B8B3181F7AF7CAA9F0EFB743847F44A306D2D28C1D9EC65DF6DB7764B22277A2EDDC3C265A9F018F9C"
+          "B852E111B768B326904B59A0193776F094")};
+  const auto object = [](std::initializer_list<uint8_t> head, const Message& value) {
+    Message bytes(head);
+    bytes.insert(bytes.end(), value.begin(), value.end());
+    return bytes;
+  };
+  const auto ours = [=](const Message& /*in*/, int32_t /*length*/, Message& out) {
+    using Result = tq::Pace::Result;
+    const auto random = [&](size_t i) {
+      std::array<uint8_t, tq::Pace::kRandomLen> bytes{};
+      std::copy(secrets[i].begin(), secrets[i].end(), bytes.begin() + 8);
+      return bytes;
+    };
+    const auto offer = tq::strongest_pace(from_hex("31143012060A04007F0007020204020202010202010D"));
+    tq::Pace run(*offer, std::span(password).first<tq::Pace::kPasswordLen>());
+    require(run.begin() == Result::kNext && run.take_acceptance({}) == Result::kNext &&
+                run.take_nonce(object({0x7C, 0x12, 0x80, 0x10}, nonce), random(0)) == Result::kNext &&
+                run.take_mapping_key(object({0x7C, 0x43, 0x82, 0x41}, chip_keys[0]), random(1)) ==
+                    Result::kNext &&
+                run.take_public_key(object({0x7C, 0x43, 0x84, 0x41}, chip_keys[1])) == Result::kNext,
+            "PACE");
+    std::copy_n(run.command().begin() + 9, 8, out.begin());
+    require(run.take_token(object({0x7C, 0x0A, 0x86, 0x08}, from_hex("3ABB9674BCE93C08"))) == Result::kDone,
+            "PACE");
+    std::copy_n(run.keys().enc.data(), 16, out.begin() + 8);
+    std::copy_n(run.keys().mac.data(), 16, out.begin() + 24);
+  };
+  const OpenSslCurve curve(NID_brainpoolP256r1);
+  const auto derive = [](Message secret, uint8_t counter) {
+    secret.insert(secret.end(), {0, 0, 0, counter});
+    Message key(SHA_DIGEST_LENGTH);
+    SHA1(secret.data(), secret.size(), key.data());
+    key.resize(16);
+    return key;
+  };
+  const auto openssl = [=](const Message& /*in*/, int32_t /*length*/, Message& out) {
+    const std::shared_ptr<EVP_CIPHER_CTX> cipher(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
+    Message s(32);
+    int len = 0;
+    EVP_CipherInit_ex(cipher.get(), EVP_aes_128_ecb(), nullptr, derive(password, 3).data(), nullptr,
+                      kDecrypt);
+    EVP_CipherUpdate(cipher.get(), s.data(), &len, nonce.data(), 16);
+    s.resize(16);
+    const Message mapping_key = curve.product(secrets[0], {});
+    const Message generator = curve.product(s, {}, curve.product(secrets[0], chip_keys[0]));
+    const Message public_key = curve.product(secrets[1], generator);
+    const Message agreed = curve.product(secrets[1], chip_keys[1]);
+    const Message x(agreed.begin() + 1, agreed.begin() + 33);
+    const Message enc = derive(x, 1);
+    const Message mac = derive(x, 2);
+    std::array<uint8_t, 16> token;
+    for (const Message& key : {public_key, chip_keys[1]}) {
+      openssl_mac(mac,
+                  object({0x7F, 0x49, 0x4F, 0x06, 0x0A, 0x04, 0x00, 0x7F, 0x00, 0x07, 0x02, 0x02, 0x04, 0x02,
+                          0x02, 0x86, 0x41},
+                         key),
+                  token.data());
+    }
+    require(!mapping_key.empty(), "a mapping key");
+    std::copy_n(token.begin(), 8, out.begin());
+    std::copy_n(enc.begin(), 16, out.begin() + 8);
+    std::copy_n(mac.begin(), 16, out.begin() + 24);
+  };
+  return {"PACE bp256, AES-128", ours, openssl, {kFileChunk}};
 }
 
 // A new counter for every message, so that all runs do the same.
@@ -266,8 +429,27 @@ std::vector<Primitive> primitives() {
               nullptr);
        }},
       {"MD5", our_digest<tq::Md5>, openssl_digest(EVP_md5())},
-      {"AES-CBC encrypt", our_aes_cbc(tq::aes128_cbc_encrypt), openssl_cipher(EVP_aes_128_cbc(), kEncrypt)},
-      {"AES-CBC decrypt", our_aes_cbc(tq::aes128_cbc_decrypt), openssl_cipher(EVP_aes_128_cbc(), kDecrypt)},
+      {"AES-CBC encrypt", our_aes_cbc<tq::Aes128>(tq::aes128_cbc_encrypt),
+       openssl_cipher(EVP_aes_128_cbc(), kEncrypt)},
+      {"AES-CBC decrypt", our_aes_cbc<tq::Aes128>(tq::aes128_cbc_decrypt),
+       openssl_cipher(EVP_aes_128_cbc(), kDecrypt)},
+      {"secret AES encrypt",
+       our_aes_cbc<tq::Aes>(tq::aes_cbc_encrypt),
+       openssl_cipher(EVP_aes_128_cbc(), kEncrypt),
+       {kFileBlocks}},
+      {"secret AES decrypt",
+       our_aes_cbc<tq::Aes>(tq::aes_cbc_decrypt),
+       openssl_cipher(EVP_aes_128_cbc(), kDecrypt),
+       {kFileBlocks}},
+      {"CMAC", our_cmac, openssl_cmac, {kFileBlocks}},
+      point("point P-224", tq::curves::kP224, NID_secp224r1),
+      point("point P-256", tq::curves::kP256, NID_X9_62_prime256v1),
+      point("point P-384", tq::curves::kP384, NID_secp384r1),
+      point("point P-521", tq::curves::kP521, NID_secp521r1),
+      point("point bp256", tq::curves::kBrainpool256, NID_brainpoolP256r1),
+      point("point bp384", tq::curves::kBrainpool384, NID_brainpoolP384r1),
+      point("point bp512", tq::curves::kBrainpool512, NID_brainpoolP512r1),
+      pace(),
       {"RC4", our_rc4(), openssl_rc4()},
       rsa_public_operation(),
       {"SM4-ECB", our_sm4_ecb(), openssl_cipher(EVP_sm4_ecb(), kEncrypt)},
@@ -329,14 +511,14 @@ class TableReporter : public benchmark::BenchmarkReporter {
   }
 
   void print_table(const std::vector<Primitive>& all) const {
-    std::printf("%-18s %7s %12s %12s %7s %12s\n", "", "bytes", "ours MB/s", "OpenSSL MB/s", "ratio",
+    std::printf("%-20s %7s %12s %12s %7s %12s\n", "", "bytes", "ours MB/s", "OpenSSL MB/s", "ratio",
                 "ours us/call");
     for (const Primitive& primitive : all) {
       for (const int32_t length : primitive.lengths) {
         const double ours = megabytes_per_second(primitive.name + "/ours/", length);
         const double theirs = megabytes_per_second(primitive.name + "/OpenSSL/", length);
         if (ours > 0 && theirs > 0) {
-          std::printf("%-18s %7d %12.1f %12.1f %7.2f %12.2f\n", primitive.name.c_str(), length, ours, theirs,
+          std::printf("%-20s %7d %12.2f %12.2f %7.2f %12.2f\n", primitive.name.c_str(), length, ours, theirs,
                       ours / theirs, length / ours);
         }
       }

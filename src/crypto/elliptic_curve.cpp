@@ -32,6 +32,13 @@ void pick(const Table& table, size_t index, Curve::Point& out) {
   }
 }
 
+// All ones for 0.
+Limb zero_mask(const CurveNumber& x) {
+  Limb any = 0;
+  for (const Limb limb : x) any |= limb;
+  return opaque(((any | (0 - any)) >> (kLimbBits - 1)) - 1);
+}
+
 }  // namespace
 
 // What an addition has on its way.
@@ -124,6 +131,36 @@ void Curve::add(const Point& p, const Point& q, Point& out) const {
   add(p, q, out, room);
 }
 
+// D. Bernstein, T. Lange, Explicit-Formulas Database, dbl-2007-bl: for all points but the neutral one, whose
+// double has a y of 0 with it. That is made good.
+void Curve::double_point(const Point& p, Point& out, Room& r) const {
+  const Limb neutral = zero_mask(p.z);
+  mul(p.x, p.x, r.xx);
+  mul(p.z, p.z, r.zz);
+  mul(a_, r.zz, r.w);  // w = a zz + 3 xx
+  sum(r.w, r.xx, r.w);
+  sum(r.w, r.xx, r.w);
+  sum(r.w, r.xx, r.w);
+  mul(p.y, p.z, r.yz);  // s = 2 yz
+  sum(r.yz, r.yz, r.yz);
+  mul(r.yz, r.yz, r.zz);
+  mul(p.y, r.yz, r.t);
+  mul(r.t, r.t, r.yy);
+  mul(p.x, r.t, r.u);  // B = 2 xys
+  sum(r.u, r.u, r.u);
+  mul(r.w, r.w, r.v);  // h = w^2 - 2 B
+  difference(r.v, r.u, r.v);
+  difference(r.v, r.u, r.v);
+
+  mul(r.v, r.yz, out.x);
+  difference(r.u, r.v, r.u);
+  mul(r.w, r.u, out.y);
+  difference(out.y, r.yy, out.y);
+  difference(out.y, r.yy, out.y);
+  mul(r.yz, r.zz, out.z);
+  for (size_t i = 0; i < num_limbs_; ++i) out.y[i] |= one_[i] & neutral;
+}
+
 void Curve::multiply(const Scalar& scalar, const Point& p, Point& out) const {
   Room room{};
   Table table{};
@@ -137,7 +174,7 @@ void Curve::multiply(const Scalar& scalar, const Point& p, Point& out) const {
   out = table[0];
   constexpr size_t windows_per_limb = kLimbBits / kWindowBits;
   for (size_t i = 8 * field_len() / kWindowBits; i-- > 0;) {
-    for (size_t bit = 0; bit < kWindowBits; ++bit) add(out, out, out, room);
+    for (size_t bit = 0; bit < kWindowBits; ++bit) double_point(out, out, room);
     const Limb window = scalar[i / windows_per_limb] >> (kWindowBits * (i % windows_per_limb));
     pick(table, window % table.size(), picked);
     add(out, picked, out, room);
@@ -208,9 +245,7 @@ bool Curve::encode(const Point& p, std::span<uint8_t> out) const {
   mul(p.y, inverse, in_form);
   mul(in_form, kOne, plain);
   modular::store_number(span_of(plain), out.subspan(1 + field_len(), field_len()));
-  Limb any = 0;
-  for (const Limb limb : p.z) any |= limb;
-  return any != 0;
+  return zero_mask(p.z) == 0;
 }
 
 }  // namespace tq

@@ -1,9 +1,10 @@
 // Points of an elliptic curve over a prime field, y^2 = x^3 + ax + b, with a prime number of points.
 //
-// Neither time nor the addresses touched depend on scalars or points: there is one addition for all points,
-// the neutral one and equal ones among them, and a scalar is worked through in windows of four bits whose
-// table is read from end to end. What is done with a bool that a function returns is the caller's. Nothing
-// secret stays behind on the stack; scalars and points that secrets went into are wiped by who owns them.
+// Neither time nor the addresses touched depend on scalars or points: addition and doubling know no
+// exceptions, the neutral point and equal ones among them, and a scalar is worked through in windows of four
+// bits whose table is read from end to end. What is done with a bool that a function returns is the caller's.
+// Nothing secret stays behind on the stack; scalars and points that secrets went into are wiped by who owns
+// them.
 #pragma once
 
 #include <cstddef>
@@ -55,6 +56,7 @@ class Curve {
   struct Room;
 
   void add(const Point& p, const Point& q, Point& out, Room& room) const;
+  void double_point(const Point& p, Point& out, Room& room) const;
   void invert(const Element& x, Element& out) const;
   void to_montgomery(const Element& x, Element& out) const;
   bool on_curve(const Element& x, const Element& y) const;
