@@ -23,6 +23,7 @@ export const LIBRARY = resolve(process.env.TQREADER_LIBRARY ?? DEFAULT_LIBRARY);
 const kKeys = loadKeys(fileURLToPath(new URL('../../keys/development_keys.h', import.meta.url))).decode;
 const kBegin = 1_700_000_000_000; // where the application's clock stands
 const kPatience = 30_000;
+const kTick = 20; // ms
 
 const kTasks = '/proc/self/task';
 const entries = (path) => (existsSync(path) ? readdirSync(path) : []);
@@ -194,6 +195,12 @@ export class App {
   async read({ trigger, silent = false, kind } = {}) {
     const seen = this.watch();
     const began = Date.now();
+    let lag = 0; // milliseconds for which this process was kept from running
+    let last = began;
+    const ticks = setInterval(() => {
+      lag += Math.max(0, Date.now() - last - 2 * kTick);
+      last = Date.now();
+    }, kTick);
     let triggered;
     let waiting = false; // is the worker there when the answer comes that was outstanding at the trigger?
     const pull = () => {
@@ -213,7 +220,10 @@ export class App {
       else pull();
     };
     const { code } = this.start(kind);
-    if (code !== 0) return { code };
+    if (code !== 0) {
+      clearInterval(ticks);
+      return { code };
+    }
     if (typeof trigger?.on === 'number') setTimeout(pull, trigger.on);
     if (trigger?.on === 'at once') pull();
     if (!silent) await until(() => seen.results.length > 0);
@@ -224,7 +234,8 @@ export class App {
     const isOpen = () => seen.connections.reduce((open, { state }) => open + (state === 'open' ? 1 : -1), 0) > 0;
     await until(() => !isOpen(), 200);
     this.onEvent = null;
-    return { code, ended, latency, waiting, open: isOpen(), ms: Date.now() - began, ...told(seen) };
+    clearInterval(ticks);
+    return { code, ended, latency, waiting, open: isOpen(), ms: Date.now() - began, lag, ...told(seen) };
   }
 
   /** Hands over answers to every step through the handler that belongs to the other kind of document. */

@@ -3,7 +3,7 @@
 import assert from 'node:assert/strict';
 import { fork } from 'node:child_process';
 import { once } from 'node:events';
-import { closeSync, mkdtempSync, openSync, readFileSync, rmSync } from 'node:fs';
+import { closeSync, mkdtempSync, openSync, readFileSync, rmSync, statSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { after, test } from 'node:test';
@@ -15,6 +15,7 @@ export const SANITIZED = /san/.test(process.env.LD_PRELOAD ?? '');
 const kTimeToAnswer = SANITIZED ? 400_000 : 100_000;
 const kTimeToEnd = SANITIZED ? 100_000 : 10_000;
 const kMain = fileURLToPath(new URL('./main.mjs', import.meta.url));
+const kLateClock = /^获取到的时间戳C: 0$/m;
 const kFinding = /runtime error:|Sanitizer|terminate called|Assertion|FATAL ERROR/;
 
 const kChildren = [];
@@ -71,6 +72,23 @@ export class Process {
       this.#waiting.set(this.#calls, { resolve, reject, timer });
       this.child.send({ id: this.#calls, name, argument });
     });
+  }
+
+  /**
+   * Performs a read and checks it. On a machine with much else to do, the half second that the library gives the application's
+   * clock may pass before the application gets to run: such a read says nothing and is repeated.
+   */
+  async read(row, expected = row) {
+    for (let left = 3; ; left -= 1) {
+      const before = statSync(join(this.#folder, 'err')).size;
+      const outcome = await this.call('perform', row);
+      try {
+        check(outcome, expected);
+        return outcome;
+      } catch (error) {
+        if (left === 1 || !kLateClock.test(readFileSync(join(this.#folder, 'err')).subarray(before).toString())) throw error;
+      }
+    }
   }
 
   /** Lets go of the process: it has to end by itself, with nothing to be said against it. */
@@ -184,7 +202,7 @@ export function testReads(title, cases) {
     for (const row of cases) {
       await t.test(row.name, async () => {
         if (child.ending !== undefined) child = new Process();
-        check(await child.call('perform', row), row);
+        await child.read(row);
       });
     }
     await t.test('the process ends by itself', () => child.end());

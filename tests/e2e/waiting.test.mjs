@@ -6,7 +6,7 @@ import { describe, test } from 'node:test';
 import { alone, check, SANITIZED, USUAL_FILES } from './support.mjs';
 
 const kLimit = 5000; // ms, for connecting and for each answer
-const kSlack = SANITIZED ? 20000 : 2000;
+const kSlack = SANITIZED ? 20000 : 3000; // beside what the machine was busy with
 const kIdleCpu = SANITIZED ? 1000 : 50; // ms in five seconds
 const kPassport = { brief: true };
 const silent = (on) => ({ rules: [{ on, do: 'silence' }] });
@@ -38,7 +38,8 @@ describe('waiting', { concurrency: SANITIZED ? 4 : 20 }, () => {
       const outcome = await alone('perform', row);
       check(outcome, row);
       const least = row.least ?? kLimit - 10;
-      assert.ok(outcome.ms >= least && outcome.ms < least + kSlack, `took ${outcome.ms} ms`);
+      const { ms, lag } = outcome;
+      assert.ok(ms >= least && ms - lag < least + kSlack, `took ${ms} ms, ${lag} of them without running`);
     });
   }
   test('a name that does not resolve', async () => {
@@ -59,8 +60,8 @@ describe('waiting', { concurrency: SANITIZED ? 4 : 20 }, () => {
     assert.ok(cpuMs < kIdleCpu, `${cpuMs} ms of processor time`);
   });
   test('a clock that always says 0', async () => {
-    const { ms, ...outcome } = await alone('twisted', { server: { monitorText: 'any' }, time: 'always' });
+    const { ms, lag, ...outcome } = await alone('twisted', { server: { monitorText: 'any' }, time: 'always' });
     check(outcome, {});
-    assert.ok(ms >= 10 * 500 && ms < 10 * 500 + kSlack, `took ${ms} ms`); // ten readings, half a second for each
+    assert.ok(ms >= 10 * 500 && ms - lag < 10 * 500 + kSlack, `took ${ms} ms, ${lag} of them without running`); // ten readings, half a second for each
   });
 });
