@@ -21,10 +21,10 @@ describe('passport: PACE', { concurrency: 4 }, () => {
   testReads('curves, ciphers and mappings', [
     ...[10, 11, 12, 13, 14, 15, 16, 17, 18].map((curve, i) => ({ cipher: kCiphers[i % 4], curve })),
     ...kCiphers.map((cipher) => ({ cipher, curve: 13 })), ...kCiphers.slice(1).map((cipher) => ({ cipher, curve: 12, mapping: 'cam' })),
-  ].map((offer) => ({ name: JSON.stringify(offer), passport: pace(offer), order: kRoad, again: false })));
+  ].map((offer) => ({ name: JSON.stringify(offer), passport: pace(offer), order: kRoad, connections: 3, again: false })));
 
   testReads('how chips refuse Basic Access Control', kBac.flatMap((on, place) => ['6982', '6985', '6988', '6A88', '6D00', '6E00'].map((status) => ({
-    name: `${status} at ${on}`, passport: pace(kPlain, { withoutBac: { on, status } }), again: status === '6982',
+    name: `${status} at ${on}`, passport: pace(kPlain, { withoutBac: { on, status } }), connections: 3, again: status === '6982', // 0x7201 once
     order: [...kBac.slice(0, place + 1), ...(place > 0 ? ['SELECT MF'] : []), ...kPace, kFiles].join(', ') }))));
 
   const notOpened = (name, row) => ({ name, again: false, ...row });

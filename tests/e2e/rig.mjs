@@ -18,6 +18,7 @@ import { issuePassport, PERSONAS } from '../../simulator/lib/passport/specimen.m
 import { expectedPassport } from '../../simulator/lib/passport-persona.mjs';
 import { DEFAULT_IDENTITY, expectedPersona } from '../../simulator/lib/persona.mjs';
 import { DEFAULT_LIBRARY, Reader } from '../../simulator/lib/reader.mjs';
+import '../authorities.mjs';
 
 export const LIBRARY = resolve(process.env.TQREADER_LIBRARY ?? DEFAULT_LIBRARY);
 const kKeys = loadKeys(fileURLToPath(new URL('../../keys/development_keys.h', import.meta.url))).decode;

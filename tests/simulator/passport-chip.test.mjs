@@ -5,6 +5,7 @@ import { createECDH } from 'node:crypto';
 import { test } from 'node:test';
 import { CURVES, toBytes, toNumber } from '../../simulator/lib/passport/curves.mjs';
 import { CardLink, PassportChip, issuePassport } from '../../simulator/index.mjs';
+import '../authorities.mjs';
 
 const bytes = (text) => Buffer.from(text, 'hex');
 const hex = (data) => data.toString('hex').toUpperCase();

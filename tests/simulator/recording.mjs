@@ -12,6 +12,7 @@ import { Session } from '../../simulator/lib/decode-server/session.mjs';
 import { unpackPassport } from '../../simulator/lib/passport-persona.mjs';
 import { DEFAULT_LIBRARY } from '../../simulator/lib/reader.mjs';
 import { CardLink, DEFAULT_IDENTITY, DecodeServer, IdentityCard, PassportChip, Reader, expectedPassport, expectedPersona, loadKeys } from '../../simulator/index.mjs';
+import '../authorities.mjs';
 
 const kKeys = loadKeys(fileURLToPath(new URL('../../keys/development_keys.h', import.meta.url))).decode;
 const bytesOf = (size) => hex(Buffer.from(Array.from({ length: size }, (_, i) => (i * 7 + size) & 0xff)));

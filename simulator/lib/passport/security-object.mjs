@@ -2,7 +2,7 @@
 // by a document signer whose certificate a country signing authority has issued. Both authorities are made up anew in
 // every process.
 
-import { createHash, generateKeyPairSync, sign } from 'node:crypto';
+import { createHash, createPublicKey, generateKeyPairSync, sign } from 'node:crypto';
 import { algorithm, certificate, distinguishedName, KEY_USAGE } from '../certificate.mjs';
 import { DER, writer } from './der.mjs';
 
@@ -21,6 +21,14 @@ const kVersions = [DER.printable('0107'), DER.printable('040000')];
 export const sha256 = (data) => createHash('sha256').update(data).digest();
 
 let authorities;
+let authorityKeys;
+
+export const newAuthorityKey = () => generateKeyPairSync('rsa', { modulusLength: 2048 }).privateKey;
+
+/** Has the signer and the authority of this process use these private keys; for tests that start many processes. */
+export function useAuthorityKeys(top, signer) {
+  authorityKeys = [top, signer];
+}
 
 /**
  * The document signer of this process and the authority above it.
@@ -28,9 +36,8 @@ let authorities;
  */
 export function documentSigner() {
   if (authorities) return authorities;
-  const keys = () => generateKeyPairSync('rsa', { modulusLength: 2048 });
-  const top = keys();
-  const signer = keys();
+  const [top, signer] = (authorityKeys ?? [newAuthorityKey(), newAuthorityKey()]).map((privateKey) =>
+    ({ privateKey, publicKey: createPublicKey(privateKey) }));
   const issuer = 'Specimen Country Signing CA';
   const above = { issuer, issuerKey: top.privateKey, issuerPublicKey: top.publicKey };
   authorities = {
