@@ -1,5 +1,5 @@
 #!/usr/bin/env node
-// Two whole reads, told as they happen: the library against a simulated identity card, a simulated passport and a
+// Three whole reads, told as they happen: the library against a simulated identity card, two simulated passports and a
 // simulated decode server; then a question to each of the two small services.
 
 import { closeSync, mkdirSync, mkdtempSync, openSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
@@ -19,6 +19,7 @@ import { DEFAULT_IDENTITY } from '../lib/persona.mjs';
 import { DEFAULT_LIBRARY } from '../lib/reader.mjs';
 
 const kCardSteps = 26; // of a good read: 19 card commands, and 6 or 7 server exchanges
+const kMoreForPace = 7; // nine more, and neither GET CHALLENGE nor EXTERNAL AUTHENTICATE
 const kQuestions = 2; // one for each service
 const kRounds = 3;
 const kPhone = { manufacturer: 'SPECIMEN', marketName: 'Specimen Phone 1' };
@@ -26,8 +27,8 @@ const kPassportSteps = 117; // 113 commands for the chip and 4 server exchanges
 
 const options = parseOptions(`Usage: demo.mjs [options]
 
-Reads a simulated resident identity card and a simulated passport through libtqreader.so, asks latency server and
-location server, and tells what happens.`, {
+Reads a simulated resident identity card and two simulated passports, one with Basic Access Control and one with PACE
+alone, through libtqreader.so, asks latency server and location server, and tells what happens.`, {
   library: { value: 'FILE', default: DEFAULT_LIBRARY, text: 'the library' },
   keys: {
     value: 'FILE', default: fileURLToPath(new URL('../../keys/development_keys.h', import.meta.url)),
@@ -80,19 +81,20 @@ async function readCard() {
   return conclude(seen, checkCard(seen), 'The decoded person (specimen data)');
 }
 
-async function readPassport() {
-  const passport = issuePassport();
+/** Reads a passport of a kind, whose portrait goes to `portraitFile`. */
+async function readPassport(title, kind, numSteps, portraitFile) {
+  const passport = issuePassport({ persona: kind });
   const { perByte } = PASSPORT_PACE;
   const seen = await perform(account, {
-    ...common, title: 'The passport, step by step', numSteps: kPassportSteps, teller: 'passport',
+    ...common, title, numSteps, teller: 'passport',
     server: { ...server, document: 'passport', passport: expectedPassport(passport) },
     reader: { ...reader, passport: packPassport(passport), cardDelay: options.cardDelay, perByte },
   });
-  const portrait = portraitIn(seen);
+  const portrait = portraitFile && portraitIn(seen);
   if (portrait) {
-    mkdirSync(dirname(options.portrait), { recursive: true });
-    writeFileSync(options.portrait, portrait);
-    account.say(`\n  The portrait (${portrait.length} bytes) is in ${relative(process.cwd(), options.portrait)}`);
+    mkdirSync(dirname(portraitFile), { recursive: true });
+    writeFileSync(portraitFile, portrait);
+    account.say(`\n  The portrait (${portrait.length} bytes) is in ${relative(process.cwd(), portraitFile)}`);
   }
   return conclude(seen, checkPassport(seen, passport, options.readMode), 'The holder of the passport (specimen data)');
 }
@@ -114,7 +116,13 @@ async function askBoth() {
 
 account.introduction({ ...options, keys: relative(process.cwd(), options.keys) });
 const goodParts = [];
-for (const part of [readCard, readPassport, askBoth]) goodParts.push(await part().catch((error) => fail(error.message)));
+const parts = [
+  readCard,
+  () => readPassport('The passport, step by step', 'usual', kPassportSteps, options.portrait),
+  () => readPassport('A passport without Basic Access Control, step by step', 'paceAlone', kPassportSteps + kMoreForPace),
+  askBoth,
+];
+for (const part of parts) goodParts.push(await part().catch((error) => fail(error.message)));
 const good = goodParts.every(Boolean);
 account.conclusion(good, good ? 'All is well.' : 'Something is wrong; see the checks above.');
 closeSync(file);
@@ -126,5 +134,6 @@ account.say(`
      simulator/bin/read-card.mjs, read-passport.mjs   one read, with other documents, servers and misbehaviour
      simulator/bin/decode-server.mjs                  a decode server for an application of yours
      simulator/bin/ask-services.mjs                   the two small services
+     ./run desk                                       a page where reads are started, watched and looked at
      ./run test, ./run check, ./run ohos              the tests; what is slower; the library for the phone`);
 process.exitCode = good ? 0 : 1;

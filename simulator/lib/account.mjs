@@ -37,10 +37,17 @@ export const PASSPORT_STEPS = {
   'GET CHALLENGE': 'give a challenge',
   'EXTERNAL AUTHENTICATE': 'prove to know the printed data; new keys',
   'INTERNAL AUTHENTICATE': 'sign a challenge: are you the original?',
+  'SELECT MF': 'leave the application',
+  'MSE SET AT': 'open by PACE, with the printed data',
+  'PACE NONCE': 'give a number, encrypted under them',
+  'PACE MAPPING': 'agree on a base point with it',
+  'PACE KEY AGREEMENT': 'agree on new keys',
+  'PACE TOKEN': 'prove to have the same keys',
 };
 
 /** What is in each file of a passport. */
 export const PASSPORT_FILES = {
+  'EF.CardAccess': 'how it opens by PACE',
   'EF.COM': 'which data groups there are',
   'EF.SOD': 'their hashes, signed by the issuer',
   DG1: 'machine-readable zone',

@@ -49,14 +49,15 @@ export class DemoAccount {
 
   introduction({ cardDelay, serverDelay, keys }) {
     const rule = '='.repeat(kWidth);
-    this.say(`${rule}\n  Reading a (simulated) resident identity card and a (simulated) passport\n${rule}`);
+    this.say(`${rule}\n  Reading a (simulated) resident identity card and two (simulated) passports\n${rule}`);
     this.say(`
   These take part:
 
      card            its chip answers commands over NFC; what is in its files only the decode
                      server can read
      passport        its chip opens to a reader that knows number, date of birth and date of
-                     expiry; from then on every command and answer is encrypted
+                     expiry, with Basic Access Control or, the newest ones, with PACE alone; from
+                     then on every command and answer is encrypted
      reader          an application that has loaded libtqreader.so; the library says what to send
                      to the chip, takes the answers and talks to the decode server over TCP
      decode server   makes sure, through the reader, that card or passport is genuine, and turns

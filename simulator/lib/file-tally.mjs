@@ -1,14 +1,14 @@
 // Makes a line per file of the many steps in which a passport's files are read: a SELECT, and READs of a few bytes each.
 
 const kOddRead = 0xb1; // READ BINARY whose offset stands in its data, in front of a length that travels in plain as well
-const kOffsetAt = 2; // in a protected READ BINARY, 0C B0 and the offset; the expected length follows 0D 97 01
+const kOffsetAt = 2; // in READ BINARY; the expected length follows, or, in a protected one, 0D 97 01 and the length
 const kLengthAt = 7;
 const kDataObjectAt = 5;
 
 /** How far into its file a READ BINARY under secure messaging goes (ISO/IEC 7816-4: DO97 is in plain); `before` is where it began. */
 function endOfRead(text, before) {
   const command = Buffer.from(text, 'hex');
-  if (command[1] !== kOddRead) return command.readUInt16BE(kOffsetAt) + command[kLengthAt];
+  if (command[1] !== kOddRead) return command.readUInt16BE(kOffsetAt) + command.at(command.length > kLengthAt ? kLengthAt : -1);
   const length = command[kDataObjectAt + 2 + command[kDataObjectAt + 1] + 2]; // of DO97, behind DO85
   return before + length - (length > 0x81 ? 3 : 2); // without the header of DO53
 }
@@ -35,7 +35,7 @@ export class FileTally {
       this.#count(step, endOfRead(step.command, this.#current.bytes));
     } else {
       this.flush();
-      if (verb !== 'SELECT' || name === 'APPLICATION') this.#onStep(step);
+      if (verb !== 'SELECT' || ['APPLICATION', 'MF'].includes(name)) this.#onStep(step);
       else this.#begin(name, step);
     }
   }

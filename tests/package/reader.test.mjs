@@ -69,7 +69,7 @@ const kBoth = [['card', {}], ['passport', { passport: true }]];
 testReads('good reads', [
   { name: 'a card' }, { name: 'a card, less of it', identity: { readMode: 1 } }, { name: 'a card, every answer timed', server: { timing: true } },
   { name: 'a passport', passport: true }, { name: 'a passport without portrait', passport: true, identity: { readMode: 1 } },
-  { name: 'a passport that keeps DG3', passport: { persona: 'dg3Refused' } },
+  { name: 'a passport that keeps DG3', passport: { persona: 'dg3Refused' } }, { name: 'a passport with PACE alone', passport: { persona: 'paceAlone' } },
   { name: 'blanks around the numbers', passport: true, claims: { documentNumber: ' \tspec01234 ', birthDate: '900101\t' } },
   ...kBoth.flatMap(([kind, row]) => ['throws', 'rejects'].map((progress) => ({ name: `${kind}: the progress function ${progress}`, ...row, progress }))),
   ...[0, 1].map((serial) => ({ name: `the card does not answer command ${serial}`, connection: { behaviour: 'swallows', serial } })),
@@ -79,9 +79,9 @@ testReads('good reads', [
 
 test('progress', async () => {
   const child = new Process({ main: kMain });
-  const [card, passport] = [await child.call('perform', {}), await child.call('perform', { passport: true })];
+  const [card, passport, pace] = [await child.call('perform', {}), await child.call('perform', { passport: true }), await child.call('perform', { passport: { persona: 'paceAlone' } })];
   await child.end();
-  for (const { progress, steps } of [card, passport]) {
+  for (const { progress, steps } of [card, passport, pace]) {
     const told = progress.slice(1, -1);
     assert.deepEqual([progress[0].step, ...told.map(({ step }) => step), progress.at(-1).step], ['CONNECT', ...steps.map((name) => name.replace(/DG\d+$/, 'DG')), 'REPORT']);
     assert.deepEqual(told.map(({ commands }) => commands), told.map((_, i) => i + 1));
