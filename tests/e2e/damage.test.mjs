@@ -1,4 +1,4 @@
-// Answers of the server cut at every byte, and with every bit of their header flipped.
+// Answers of the server cut short (the first of them at every byte), and with every bit of their header flipped.
 
 import assert from 'node:assert/strict';
 import { test } from 'node:test';
@@ -43,12 +43,13 @@ for (const command of kCommands) {
   const longer = passport ? kLonger : 0;
   const damaged = (rules) => ({ identity, passport, expects, server: { answers, rules: rules.map((rule) => ({ on, ...rule })) } });
 
-  test(`${on}: cut at every byte, every header bit flipped`, async () => {
+  test(`${on}: cut short, every header bit flipped`, async () => {
     const child = new Process();
     const length = await child.call('lengthOfAnswer', { ...damaged([]), on });
     assert.ok(length > kHeaderBytes + 16);
     const rows = [];
     for (let at = 0; at < length; at += 1) {
+      if (on !== '0x7500' && at > kHeaderBytes + longer && at < length - 2 && at % 16 !== 0) continue;
       rows.push({ what: `cut at ${at}`, code: kLost, rules: [{ do: 'malformed', kind: 'cut', at }, { do: 'hangup' }] });
     }
     for (const bit of [...Array(8 * (kHeaderBytes + longer)).keys(), ...Array.from({ length: 8 }, (_, i) => 8 * (length - 1) + i)]) {
@@ -56,7 +57,7 @@ for (const command of kCommands) {
       rows.push({ what: `bit ${bit}`, code, rules: [{ do: 'malformed', kind: 'flip', bit }, ...(code === kLost ? [{ do: 'hangup' }] : [])] });
     }
     for (const [i, { what, code, rules }] of rows.entries()) {
-      const again = !passport || i % kGoodReadEvery === 0;
+      const again = i % kGoodReadEvery === 0;
       try {
         await child.read({ ...damaged(rules), again }, { identity, passport, ...expected(command, code) });
       } catch (error) {
