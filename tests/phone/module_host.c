@@ -71,6 +71,15 @@ static int secret_is_left(void) {
   return found;
 }
 
+static int num_threads(void) {
+  int count = 0;
+  char line[128];
+  FILE* status = fopen("/proc/self/status", "r");
+  while (fgets(line, sizeof line, status) != NULL) sscanf(line, "Threads: %d", &count);
+  fclose(status);
+  return count;
+}
+
 static __typeof__(&cardCallback) g_card;
 static __typeof__(&shareMonitorDataCallback) g_monitor;
 static __typeof__(&shareResultCallback) g_result;
@@ -80,6 +89,15 @@ static __typeof__(&shareGetNowTimeCallback) g_time;
 static void* ask_time(void* out) {
   *(int64_t*)out = g_time();
   return NULL;
+}
+/* What the time function gives a thread that is no worker. */
+static int64_t time_elsewhere(napi_env env, int num_threads_before) {
+  pthread_t thread;
+  int64_t time = -1;
+  expect(pthread_create(&thread, NULL, ask_time, &time) == 0, "a thread");
+  if (env != NULL) WAIT_UNTIL((run_loop(env), num_threads() == num_threads_before));
+  pthread_join(thread, NULL);
+  return time;
 }
 
 static void* ask(void* unused) {
@@ -108,15 +126,6 @@ static void end_with_calls(napi_env env, ending how) {
   expect(!g_scans || !secret_is_left(), "nothing personal is left");
 }
 
-static int num_threads(void) {
-  int count = 0;
-  char line[128];
-  FILE* status = fopen("/proc/self/status", "r");
-  while (fgets(line, sizeof line, status) != NULL) sscanf(line, "Threads: %d", &count);
-  fclose(status);
-  return count;
-}
-
 int main(int argc, char** argv) {
   expect(argc == 2 || argc == 3, "usage: module_host LIBRARY [scan]");
   g_scans = argc == 3;
@@ -130,7 +139,8 @@ int main(int argc, char** argv) {
   g_result = (__typeof__(g_result))dlsym(library, "shareResultCallback");
   g_time = (__typeof__(g_time))dlsym(library, "shareGetNowTimeCallback");
   g_malloc = (__typeof__(g_malloc))dlsym(library, "tq_mem_malloc");
-  const int num_before = num_threads();
+  expect(time_elsewhere(NULL, 0) == 0, "without an environment there is no time");
+  const int num_before = num_threads(); /* with the thread that a tool starts beside the first */
 
   /* Calls from outside a read go to the newest environment that has the function; cancels to one's own read.
    */
@@ -140,12 +150,8 @@ int main(int argc, char** argv) {
          "the second environment is asked");
   end_environment(second, kHooksThenCalls);
   expect(g_card((const uint8_t*)"", 0, 1, NULL) == 0 && num_queued(first) == 1, "and then the first");
-  pthread_t thread;
-  int64_t time = 0;
-  expect(pthread_create(&thread, NULL, ask_time, &time) == 0, "a thread");
-  WAIT_UNTIL((run_loop(first), num_threads() == num_before));
-  pthread_join(thread, NULL);
-  expect(time == 1700000000000, "its time function answers a thread that is no worker");
+  expect(time_elsewhere(first, num_before) == 1700000000000,
+         "its time function answers a thread that is no worker");
   expect(call(first, "getIdInfo", "") == TQ_OK && call(first, "getIdInfo", "") == TQ_OK, "one takes over");
   WAIT_UNTIL((run_loop(first), g_num_calls > 2));
   call(third, "cancelCard", "i", 0);
