@@ -1,7 +1,7 @@
 // The ciphers and digests of the simulators, all from Node.js itself:
 // SM3 (GB/T 32905), SM4 in CBC mode (GB/T 32907) with PKCS #7 padding, HMAC-SM3 (RFC 2104).
 
-import { createCipheriv, createDecipheriv, createHash, createHmac } from 'node:crypto';
+import { createCipheriv, createDecipheriv, createHash, createHmac, randomBytes } from 'node:crypto';
 import { hex } from './bytes.mjs';
 import { Difference } from './difference.mjs';
 
@@ -51,6 +51,13 @@ export function decrypt(block, data, at, what) {
     throw new Difference(at, `padding of ${what}`, 'one to sixteen bytes that hold their count', hex(padding));
   }
   return padded.subarray(0, padded.length - count);
+}
+
+/** A source of random bytes, (count) => bytes; with a seed (a text) always the same ones. */
+export function randomFrom(seed) {
+  let drawn = 0;
+  const next = () => `${seed} ${drawn += 1}`;
+  return seed === undefined ? randomBytes : (count) => createHash('shake256', { outputLength: count }).update(next()).digest();
 }
 
 /** First `count` bytes of HMAC-SM3. */

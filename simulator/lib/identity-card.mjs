@@ -5,6 +5,7 @@ import { EventEmitter } from 'node:events';
 import { randomBytes } from 'node:crypto';
 import { fromHex, hex } from './bytes.mjs';
 import { cardProof, serverProof } from './card-authentication.mjs';
+import { randomFrom } from './crypto.mjs';
 import { Difference } from './difference.mjs';
 import { DEVELOPMENT_CARD_KEY, FIXED_BY_READER } from './persona.mjs';
 
@@ -66,7 +67,7 @@ export class IdentityCard extends EventEmitter {
   /**
    * @param {object} [secrets]  cardKey, managementData, file6011, file6012, file6013 as hexadecimal text or bytes
    *   (what `secrets()` of another card gives), and proofLength: 8 or 18 bytes for INTERNAL AUTHENTICATE's answer;
-   *   random (count) => bytes: where its challenge comes from
+   *   random: a text from which its challenges come, always the same ones
    */
   constructor(secrets = {}) {
     super();
@@ -78,7 +79,7 @@ export class IdentityCard extends EventEmitter {
     };
     this.cardKey = bytesOf(secrets.cardKey ?? DEVELOPMENT_CARD_KEY, 16);
     this.proofLength = secrets.proofLength ?? 8;
-    this.random = secrets.random ?? randomBytes;
+    this.random = randomFrom(secrets.random);
     this.#files = Object.fromEntries(Object.entries(FILE_SIZES).map(([id, size]) =>
       [id, bytesOf(id === '6002' ? secrets.managementData : secrets[`file${id}`], size)]));
     this.differences = [];

@@ -3,6 +3,7 @@
 import { once } from 'node:events';
 import { setTimeout as sleep } from 'node:timers/promises';
 import { Worker } from 'node:worker_threads';
+import { packPassport } from '../../simulator/lib/passport-persona.mjs';
 import { app, LIBRARY, numDescriptors, numThreads, perform, until } from './rig.mjs';
 
 export { perform };
@@ -127,6 +128,15 @@ export async function lateServer({ ms, trigger }) {
   const outcome = await app.read({ trigger });
   await app.close();
   return outcome;
+}
+
+/** A good read: what card or chip and server were sent, and what they are. */
+export async function recorded(setting) {
+  await app.open(setting);
+  const { results: [text], commands, differences } = await app.read();
+  await app.close();
+  const requests = app.seen.exchanges.map(({ request, connection }) => ({ request: hex(request), connection }));
+  return { code: JSON.parse(text).code, differences, commands, requests, secrets: app.card.secrets(), passport: app.chip && packPassport(app.chip.passport) };
 }
 
 /** Reads of this passport by chips that misbehave by these rules: codes of the results of each, and of a good read that follows. */

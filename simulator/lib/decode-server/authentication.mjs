@@ -124,14 +124,14 @@ function asciiOrNothing(text) {
 }
 
 function reply(session) {
-  const { businessId, newStickCardId, opaqueLength, timing, random } = session.config;
-  const key = random(16);
+  const { businessId, newStickCardId, opaqueLength, timing } = session.config;
+  const key = session.random(16);
   session.key = keyBlock(key, session.clientKey.vector);
   return {
     key: session.clientKey,
     code: 0x7500,
     header: session.header,
-    opaque: random(opaqueLength),
+    opaque: session.random(opaqueLength),
     block: {
       key,
       unused: 0x0f,

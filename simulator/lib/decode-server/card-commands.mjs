@@ -66,7 +66,7 @@ function readFirst(session, request) {
 
 /** The server's challenge; the reader makes it an INTERNAL AUTHENTICATE for the card. */
 function replyFirst(session) {
-  session.serverChallenge = session.config.random(8);
+  session.serverChallenge = session.random(8);
   return secretReply(session, 0x5001, 0x5001, session.serverChallenge);
 }
 

@@ -1,7 +1,7 @@
 // The decode server's configuration: every setting with its default.
 
-import { randomBytes } from 'node:crypto';
 import { fromHex, hex } from '../bytes.mjs';
+import { randomFrom } from '../crypto.mjs';
 import { DEVELOPMENT_CARD_KEY, SPECIMEN_PERSON } from '../persona.mjs';
 import { HEADER } from './frames.mjs';
 import { completePassport } from './passport-files.mjs';
@@ -22,7 +22,7 @@ const DEFAULTS = {
   judge: undefined, //  ({ files, challenge, answer }) => what is answered about a passport, or a promise of it; undefined:
   //                    what this server itself makes of the files
   token: undefined, //  what 0x7201 hands out, hexadecimal, up to 16 bytes; undefined: random
-  random: randomBytes, // (count) => bytes: where keys, challenges and tokens come from
+  random: undefined, //  a text from which keys, challenges and tokens come, always the same ones
   timing: false, //     ask the reader to time the card
   opaqueLength: 0, //   opaque bytes in front of the 0x7500 answer
   businessId: 'SIMULATED-READ-000001',

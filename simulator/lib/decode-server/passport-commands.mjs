@@ -24,8 +24,8 @@ function readStart(session, request) {
 }
 
 function replyStart(session) {
-  const { token, random } = session.config;
-  const given = token === undefined ? random(kToken) : fromHex(token);
+  const { token } = session.config;
+  const given = token === undefined ? session.random(kToken) : fromHex(token);
   session.token = Buffer.concat([given, Buffer.alloc(kToken - given.length)]); // a shorter one is filled with zeros
   return { key: session.key, code: 0x7201, header: session.header, sealed: given };
 }

@@ -1,6 +1,7 @@
 // One conversation with a reader: which commands may come when, and what each of them is answered with.
 
 import { fromHex } from '../bytes.mjs';
+import { randomFrom } from '../crypto.mjs';
 import { Difference } from '../difference.mjs';
 import { AUTHENTICATION } from './authentication.mjs';
 import { CARD_COMMANDS } from './card-commands.mjs';
@@ -51,6 +52,7 @@ export class Session {
     this.config = config;
     this.persona = { ...config.persona }; // what is not known beforehand is filled in from 0x7500
     this.cardKey = fromHex(config.card.cardKey);
+    this.random = randomFrom(config.random);
     this.at = 'start';
   }
 
