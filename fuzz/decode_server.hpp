@@ -40,6 +40,7 @@ class DecodeServer {
   uint8_t header = 0x72;
   uint8_t refused_connects = 0;  // bit n: the connect of that number fails
   bool timing = false;           // asks for times
+  std::optional<Bytes> files;    // that 0x7202 has brought
 
   bool connect() {
     connected_ = (refused_connects >> (num_connects_++ & 7) & 1) == 0;
@@ -98,7 +99,7 @@ class DecodeServer {
     if (command == 0x7201 || command <= 0x6002) check_secret(command, type, body);
     if (command == 0x7202) {
       require(has_prefix(body, token_));
-      check_secret(command, type, body.subspan(token_.size()));
+      files = check_secret(command, type, body.subspan(token_.size()));
     }
     if (command == 0x7219) {
       require(type == 0x19 && (has_prefix(body, token_) || has_prefix(body, {})));
@@ -127,10 +128,13 @@ class DecodeServer {
     opened(body.first(body.size() - 32).subspan(21), key_.data());
   }
 
-  void check_secret(uint32_t command, uint8_t type, View sealed) const {
+  // Returns what is in it.
+  Bytes check_secret(uint32_t command, uint8_t type, View sealed) const {
     const Bytes frame = opened(sealed, key_.data());
     require(type == 0xAA && frame.size() > 12);
-    require(open_secret(frame, command).has_value());
+    const std::optional<Bytes> data = open_secret(frame, command);
+    require(data.has_value());
+    return *data;
   }
 
   Bytes payload(uint32_t command, const Plan& plan) {

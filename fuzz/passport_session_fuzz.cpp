@@ -2,6 +2,9 @@
 // refused connects; which allocation fails; what the server answers to each of its four commands. The content
 // is a series of turns of the chip, each a byte that says what it does (low half) and with which step number
 // (high half; 0: the command's own), and what that takes. Then the read is superseded.
+//
+// Whenever the read waits, exactly one command is with the application; and what 0x7202 brings of a file is
+// what lies in the chip, or nothing.
 #include <malloc.h>
 
 #include <new>
@@ -15,7 +18,10 @@ namespace {
 
 using namespace fuzz;
 
-constexpr size_t kMostAnswers = 400;
+constexpr size_t kMostAnswers = 600;
+constexpr size_t kBlock = 8;
+constexpr size_t kLongFile = 36000;
+const Bytes kSuccess = {0x90, 0x00};
 constexpr size_t kMostLive = size_t{4} << 20;
 
 enum Turn : uint8_t {
@@ -29,6 +35,7 @@ enum Turn : uint8_t {
   kMissing,      //
   kFile,         // id, blocks of 16, len, bytes: changes a file; no bytes remove it
   kCancel,       //
+  kOdd,          // how, number: a reply of chips in people's pockets
   kNumTurns,
 };
 
@@ -103,15 +110,18 @@ class Application final : public tq::ReadSession {
   bool command_lost() const override { return false; }
   bool wait_for_answer(tq::CardAnswer& out) override {
     const HarnessTime harness;
-    require(accepting_);
+    require(accepting_ && num_commands_ == 1);
+    num_commands_ = 0;
     if (num_answers_++ == kMostAnswers || !next_answer(out)) superseded_ = true;
     if (out.serial > 9) odd_step_ = true;
+    if (step_ != 0) knows_content_ = false;
     return !superseded_;
   }
 
   DecodeServer& server() { return server_; }
   void check_end() const {
     require(!server_.connected() && g_heap.num_live == 0);
+    check_files();
     if (superseded_) require(num_results_ == 0);
     if (cancelled_ && accepting_) require(num_results_ == 0);
     if (!cancelled()) require(num_results_ == 1);
@@ -131,7 +141,6 @@ class Application final : public tq::ReadSession {
     if (good_answers_left_ == 0 && !take_turns(out)) return false;
     if (good_answers_left_ > 0) {
       --good_answers_left_;
-      chip_.next_command();
       give(chip_.good_answer(), out);
     }
     return true;
@@ -155,7 +164,6 @@ class Application final : public tq::ReadSession {
           continue;
         default:
           faithful_ = false;
-          chip_.next_command();
           give(odd_answer(turn & 0x0F), out);
           if ((turn & 0x0F) % kNumTurns == kMissing) out.status = -1;
           return true;
@@ -166,28 +174,35 @@ class Application final : public tq::ReadSession {
 
   void change_file() {
     faithful_ = false;
+    if (num_answers_ > 1) knows_content_ = false;
     const auto id = static_cast<uint16_t>(0x0100 + choices_.next() % 32);
-    const size_t size = size_t{choices_.next()} * 16;
+    const uint8_t blocks = choices_.next();
     Bytes bytes = counted();
     if (bytes.empty()) {
       chip_.files.erase(id);
       return;
     }
-    bytes.resize(std::max(bytes.size(), size));
+    bytes.resize(std::max(bytes.size(), blocks == 0xFF ? kLongFile : size_t{blocks} * 16));
     chip_.files[id] = bytes;
+  }
+
+  // With a right MAC the chip can say what it likes.
+  Bytes with_mac(const Bytes& objects) {
+    knows_content_ = false;
+    return chip_.channel().answer(objects) + kSuccess;
   }
 
   Bytes odd_answer(uint8_t turn) {
     switch (turn % kNumTurns) {
       case kData:
-        return counting(chip_.channel().good_answer(counted()));
+        return with_mac(chip_.channel().padded_cryptogram(counted()) + Bytes{0x99, 2, 0x90, 0});
       case kBlocks: {
         Bytes blocks = counted();
-        blocks.resize(blocks.size() / kBlock * kBlock);
-        return counting(chip_.channel().answer(chip_.channel().cryptogram(blocks)));
+        blocks.resize(blocks.size() / kBlock * kBlock + kBlock);
+        return with_mac(chip_.channel().cryptogram(blocks));
       }
       case kObjects:
-        return counting(chip_.channel().answer(counted()));
+        return with_mac(counted());
       case kBytes:
         return counted();
       case kSpoiled: {
@@ -201,14 +216,83 @@ class Application final : public tq::ReadSession {
         answer.resize(choices_.next() % answer.size());
         return answer + kSuccess;
       }
+      case kOdd:
+        return odd_reply();
       default:
         return {};
     }
   }
 
-  Bytes counting(Bytes answer) {
-    chip_.count();
-    return answer;
+  Bytes odd_reply() {
+    ChipReply reply = chip_.good_reply();
+    const uint8_t how = choices_.next();
+    const uint8_t count = choices_.next();
+    const auto refused_with = [&](unsigned status) {
+      reply.data.clear();
+      reply.status = static_cast<uint16_t>(status);
+      reply.in_channel = reply.in_channel && (how & 0x80) != 0;
+    };
+    switch ((how & 0x7F) % 9) {
+      case 0:
+        reply.data.resize(std::min<size_t>(reply.data.size(), count));
+        break;
+      case 1:
+        if (reply.data.size() >= chip_.asked()) reply.data.resize(reply.data.size() + count % 20, 0xDD);
+        break;
+      case 2:
+        reply.status = static_cast<uint16_t>(0x6200 + count);
+        break;
+      case 3:
+        reply.status = static_cast<uint16_t>(0x6100 + count);
+        break;
+      case 4:
+        refused_with(0x6C00U + count);
+        break;
+      case 5:
+        refused_with(0x6700);
+        break;
+      case 6:
+        refused_with(0x6982);
+        break;
+      case 7:
+        refused_with(0x6D00);
+        break;
+      default:
+        refused_with(0x6300U + count);
+    }
+    return chip_.sealed(reply);
+  }
+
+  // By the header of a file, or its first four bytes where that says nothing.
+  static bool is_whole(View row, View file) {
+    size_t size = 0;
+    if (file.size() >= 2 && file[1] < 0x80) size = 2U + file[1];
+    if (file.size() >= 3 && file[1] == 0x81) size = 3U + file[2];
+    if (file.size() >= 4 && file[1] == 0x82) size = 4 + number(file.subspan(2, 2));
+    const bool fits = size > 4 ? row.size() == size : row.size() >= size && row.size() <= 4;
+    return fits && row.size() <= file.size() && std::equal(row.begin(), row.end(), file.begin());
+  }
+
+  // The requests have DG1 to DG16, EF.SOD, the answer to INTERNAL AUTHENTICATE, its challenge, EF.COM, two
+  // times.
+  void check_files() const {
+    if (!server_.files || !knows_content_) return;
+    View rest = *server_.files;
+    const auto take_counted = [&rest] {
+      const size_t size = number(rest.first(2));
+      const View bytes = rest.subspan(2, size);
+      rest = rest.subspan(2 + size);
+      return bytes;
+    };
+    for (int i = 0; i < 19; ++i) {
+      const auto id = static_cast<uint16_t>(i < 16 ? TQ_EF_DG1 + i : i == 16 ? TQ_EF_SOD : TQ_EF_COM);
+      const View bytes = take_counted();
+      if (i == 17) rest = rest.subspan(8);
+      const auto file = chip_.files.find(id);
+      if (i == 17 || bytes.empty()) continue;
+      require(file != chip_.files.end() && is_whole(bytes, file->second));
+    }
+    require(rest.size() == 4);
   }
 
   void give(const Bytes& answer, tq::CardAnswer& out) const {
@@ -221,7 +305,8 @@ class Application final : public tq::ReadSession {
   static int32_t on_command(const uint8_t* apdu, uint32_t length, uint8_t serial, void* self) {
     const HarnessTime harness;
     auto& app = *static_cast<Application*>(self);
-    require(length >= 5 && length <= 64 && serial <= 9 && !app.superseded_);
+    require(length >= 5 && serial <= 18 && !app.superseded_);
+    ++app.num_commands_;
     const Block exact(View(apdu, length));
     app.chip_.take(exact.bytes(), serial, app.faithful_ && app.heap_is_whole());
     return 0;
@@ -286,7 +371,9 @@ class Application final : public tq::ReadSession {
   bool superseded_ = false;
   bool cancelled_ = false;
   bool odd_step_ = false;
-  bool faithful_ = true;  // the chip has been itself so far
+  bool faithful_ = true;       // the chip has been itself so far
+  bool knows_content_ = true;  // what it has said of its files is what they are
+  int num_commands_ = 0;       // with the application
   int num_monitors_ = 0;
   int num_results_ = 0;
   int32_t monitored_code_ = 0;

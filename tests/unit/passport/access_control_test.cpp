@@ -93,16 +93,6 @@ TEST(AccessControl, KeysOfTheMachineReadableZone) {
   }
 }
 
-TEST(AccessControl, KeysOfASeedInPlace) {
-  std::mt19937 generator(41);
-  for (int i = 0; i < 200; ++i) {
-    const Bytes seed = random_bytes(generator, 16);
-    Keys keys = {seed, Bytes(16)};
-    ASSERT_EQ(create_key_share(keys.enc.data(), keys.enc.data(), keys.mac.data()), 0);
-    expect_derived_from(seed, keys);
-  }
-}
-
 TEST(AccessControl, NullPointersAreRefused) {
   Bytes key(16);
   for (int which = 0; which < 5; ++which) {

@@ -33,38 +33,46 @@ inline Bytes derived_key(const Bytes& seed, uint8_t counter) {
   return key;
 }
 
+// The shortest length field, or with `form` bytes behind the first.
+inline Bytes length_field(size_t len, int form = -1) {
+  if (form < 0) form = len < 0x80 ? 0 : len < 0x100 ? 1 : 2;
+  const auto width = static_cast<size_t>(form);
+  return form == 0 ? be(len, 1) : Bytes{static_cast<uint8_t>(0x80 + width)} + be(len, width);
+}
+
 class Chip {
  public:
   Chip(Bytes enc, Bytes mac, uint64_t ssc) : enc_(std::move(enc)), mac_(std::move(mac)), ssc_(ssc) {}
 
   Bytes ssc() const { return be(ssc_, 8); }
+  void count() { ++ssc_; }
 
+  // Of the counter and what follows it.
+  Bytes mac(const Bytes& content) const { return retail_mac(mac_, padded(ssc() + content)); }
   // The protected form of these objects.
   Bytes answer(const Bytes& objects) {
-    ++ssc_;
-    return objects + Bytes{0x8E, 8} + retail_mac(mac_, padded(ssc() + objects));
+    count();
+    return objects + Bytes{0x8E, 8} + mac(objects);
   }
-  // `form` is how many length bytes follow the first, 0 to 2.
-  Bytes cryptogram(const Bytes& content, size_t form) const {
-    const size_t len = content.size() + 1;
-    const Bytes length = form == 0 ? be(len, 1) : Bytes{static_cast<uint8_t>(0x80 + form)} + be(len, form);
-    return Bytes{0x87} + length + Bytes{1} + two_key_cbc(true, enc_, content);
+  // Of whole blocks.
+  Bytes cryptogram(const Bytes& content, int form = -1) const {
+    return Bytes{0x87} + length_field(content.size() + 1, form) + Bytes{1} + two_key_cbc(true, enc_, content);
   }
-  // The same with padding and the shortest form.
-  Bytes padded_cryptogram(const Bytes& data) const {
-    const Bytes content = padded(data);
-    return cryptogram(content, content.size() < 0x7F ? 0 : content.size() < 0xFF ? 1 : 2);
+  Bytes padded_cryptogram(const Bytes& data) const { return cryptogram(padded(data)); }
+  // That of an odd instruction has no padding indicator.
+  Bytes tlv_cryptogram(const Bytes& data) const {
+    return Bytes{0x85} + length_field(padded(data).size()) + two_key_cbc(true, enc_, padded(data));
   }
+  Bytes deciphered(const Bytes& blocks) const { return two_key_cbc(false, enc_, blocks); }
 
   // Opens a command that has to be exactly as long as `data` and Le (none when negative) make it.
   // False for any other byte.
   bool accepts(const Bytes& command, const Bytes& header, const Bytes& data, int le) {
-    ++ssc_;
+    count();
     Bytes objects = data.empty() ? Bytes{} : padded_cryptogram(data);
     if (le >= 0) objects = objects + Bytes{0x97, 1, static_cast<uint8_t>(le)};
-    const Bytes mac = retail_mac(mac_, padded(ssc() + padded(header) + objects));
     return command == header + Bytes{static_cast<uint8_t>(objects.size() + 10)} + objects + Bytes{0x8E, 8} +
-                          mac + Bytes{0};
+                          mac(padded(header) + objects) + Bytes{0};
   }
 
  private:
