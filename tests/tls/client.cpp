@@ -11,6 +11,7 @@
 //   close-wait       waits until the server has closed the TCP connection
 //   heap             the most bytes that the library has held at once, in the place of a result
 //   no-memory=N      the library's N-th allocation from here on fails
+//   pace=N           the library's monotonic clock runs N times as fast from here on
 //   ask=LEVEL        scp_authentication at this log level; nothing of the request may stay on its stack
 //   exchange=N       scp_socket_send_and_recv with room for N bytes in the place of the request, at log level
 //   2
@@ -61,6 +62,7 @@ struct Heap {
   int fails_in = 0;  // allocations; 0 = none does
 };
 Heap g_heap;
+int64_t g_pace = 1;
 
 [[noreturn]] void blame(const char* what) {
   static_cast<void>(std::fprintf(stderr, "%s\n", what));
@@ -205,6 +207,7 @@ const std::map<std::string, Step> kSteps = {
     {"close-wait", [](Session& s, auto&) { return wait_for_close(s.fd); }},
     {"heap", [](Session&, auto&) { return static_cast<int>(g_heap.peak); }},
     {"no-memory", [](Session&, auto& v) { return g_heap.fails_in = std::stoi(v); }},
+    {"pace", [](Session&, auto& v) { return static_cast<int>(g_pace = std::stoi(v)); }},
     {"ask", [](Session& s, auto& v) { return ask(s, static_cast<uint32_t>(std::stoi(v))); }},
     {"exchange", [](Session& s, auto& v) { return exchange(s, static_cast<uint32_t>(std::stoi(v))); }},
 };
@@ -226,7 +229,15 @@ bool take_step(Session& s, const std::string& text, bool first) {
 
 }  // namespace
 
-// The linker sends the library's heap calls here (--wrap).
+// The linker sends the library's calls here (--wrap).
+extern "C" int __real_clock_gettime(clockid_t clock, timespec* out);
+extern "C" int __wrap_clock_gettime(clockid_t clock, timespec* out) {
+  const int result = __real_clock_gettime(clock, out);
+  const int64_t ms = (int64_t{out->tv_sec} * 1000 + out->tv_nsec / 1'000'000) * g_pace;
+  *out = {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000 * 1'000'000)};
+  return result;
+}
+
 extern "C" void* __real_tq_mem_malloc(size_t size);
 extern "C" void __real_tq_mem_free(void* block);
 

@@ -29,6 +29,14 @@ table('a location request', [
   assert.deepEqual(server.differences, []);
 }, { concurrency: 1 });
 
+test('30 seconds are the limit of a location request, by a clock that is ten times as fast', async () => {
+  const endless = new LocationServer({ keys, rules: [{ on: 'request', do: 'endless', everyMs: 100 }] });
+  const [, asked] = await runClient((await endless.start()).port, ['pace=10', 'ask=0']);
+  await endless.stop();
+  assert.equal(asked.result, -22003);
+  assert.ok(asked.ms > 2900 && asked.ms < 25000, `took ${asked.ms} ms`);
+});
+
 test('a location request without memory', async () => {
   const results = [];
   while (results.at(-1) !== 77) results.push((await runClient(port, [`no-memory=${results.length + 1}`, 'ask=0'])).at(-1).result);
