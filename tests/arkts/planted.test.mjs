@@ -16,14 +16,12 @@ const kField = 'package/example/src/main/ets/nfc/NfcField.ets';
 
 const kMistakes = [ // file, text, what takes its place, what must be found there
   [kRead, 'private lastFailure: string = \'\'', 'private lastFailure: any = \'\'', /RunningRead.*arkts-no-any-unknown/],
-  [kRead, 'const length: number = answer', 'const { size } = this.waiting; const length: number = answer', /RunningRead.*arkts-no-destruct-decls/],
+  [kRead, 'const first: boolean = this.kind', 'const { kind } = this; const first: boolean = this.kind', /RunningRead.*arkts-no-destruct-decls/],
   [kRead, 'this.ended = true;', 'this[\'ended\'] = true;', /RunningRead.*arkts-no-props-by-index/],
   [kRead, 'this.stopTimer();\n    this.cancel', 'delete this.cancel;\n    this.cancel', /RunningRead.*(arkts-no-delete|2790)/],
-  [kRead, 'this.waiting.push(command);', 'if (\'bytes\' in command) { this.waiting.push(command); }', /RunningRead.*arkts-no-in/],
-  [kRead, 'this.waiting.push(command);', 'this.waiting.push({ bytes: command.bytes, serial: 1, answered: false });',
-    /RunningRead.*(arkts-no-untyped-obj-literals|arkts-no-structural-typing)/],
+  [kRead, 'this.open = command;', 'this.open = { bytes: command.bytes, serial: 1 };', /RunningRead.*(arkts-no-untyped-obj-literals|arkts-no-structural-typing)/],
   [kRead, 'this.reject(error as TqError);', 'throw \'text\';', /RunningRead.*arkts-limited-throw/],
-  [kRead, 'this.native.idCardHandler(data, serial, status);', 'this.native.idCardHandler(data, status);', /RunningRead.*Expected 3 arguments/],
+  [kRead, 'this.native.idCardHandler(data, command.serial, status);', 'this.native.idCardHandler(data, status);', /RunningRead.*Expected 3 arguments/],
   [kTypes, 'cancelCard(type: number)', 'cancelCard(type: string)', /RunningRead.*not assignable to parameter of type 'string'/],
   [kTypes, 'getIdInfo(): number', 'getIdInfo(): void', /TqReader.*not assignable/],
   [kPage, '.layoutWeight(1)', '.layoutWeigh(1)', /Index.*layoutWeigh/],

@@ -12,15 +12,12 @@ const ts = createRequire(import.meta.url)(`${process.env.TQREADER_TYPESCRIPT ?? 
 export const declarations = readFileSync(kFile, 'utf8');
 const source = ts.createSourceFile(kFile, declarations, ts.ScriptTarget.ES2021, true);
 
-const paramTags = (member) => ts.getJSDocTags(member).filter(({ tagName }) => tagName.text === 'param').map(({ name }) => name.getText());
-
 /** The functions in their order: { name, returns, parameters: [{ name, type }], documented: names of the parameters }. */
 export function declaredFunctions() {
   const { members } = source.statements.find((node) => ts.isInterfaceDeclaration(node) && node.name.text === 'TqReaderModule');
-  return members.map((member) => ({
-    name: member.name.getText(), returns: member.type.getText(),
+  return members.map((member) => ({ name: member.name.getText(), returns: member.type.getText(),
     parameters: member.parameters.map(({ name, type }) => ({ name: name.getText(), type: type.getText() })),
-    documented: paramTags(member),
+    documented: ts.getJSDocTags(member).filter(({ tagName }) => tagName.text === 'param').map((tag) => tag.name.getText()),
     text: ts.getJSDocCommentsAndTags(member).map((node) => node.getText()).join('\n'),
   }));
 }

@@ -37,8 +37,7 @@ const logged = (log, value) => [value, Number.isInteger(value) ? value.toString(
 for (const fn of functions) {
   test(`${fn.name} takes and returns what is declared`, () => {
     const given = fn.parameters.map((parameter, i) => argumentOf(fn, parameter, i));
-    const { told, log } = run(`const result = tq.${fn.name}(${[...given, '"onetoomany"', '80808'].join(', ')}); tell([typeof result, result ?? null, tell.calls ?? 0])`);
-    const [type, result, calls] = told;
+    const { told: [type, result, calls], log } = run(`const result = tq.${fn.name}(${[...given, '"onetoomany"', '80808'].join(', ')}); tell([typeof result, result ?? null, tell.calls ?? 0])`);
     assert.equal(type, fn.returns === 'void' ? 'undefined' : fn.returns);
     for (const [i, parameter] of fn.parameters.entries()) {
       if (parameter.type in kGiven && !kUnlogged[fn.name]?.includes(parameter.name)) {

@@ -12,9 +12,8 @@ const kFolder = mkdtempSync(join(tmpdir(), 'tqreader-samples-'));
 after(() => rmSync(kFolder, { recursive: true }));
 
 /** Runs a program in the project's folder; gives its exit status and what it wrote. */
-const start = (program, ...args) => new Promise((resolve) => {
-  execFile(program, args, { cwd: kRoot, env: { ...process.env, TMPDIR: kFolder } }, (error, out, err) => resolve({ status: error?.code ?? 0, out, err }));
-});
+const start = (program, ...args) => new Promise((resolve) => execFile(program, args, { cwd: kRoot, env: { ...process.env, TMPDIR: kFolder } },
+  (error, out, err) => resolve({ status: error?.code ?? 0, out, err })));
 const run = (...args) => start(process.execPath, ...args);
 
 // What the samples call the reader's own: a simulated passport, a decode server, and `show`, which keeps what it is given.
@@ -68,7 +67,6 @@ for (const [name, program, persona, status, out, err = /^$/] of [ // a persona, 
   ['a mistyped action', card, { rules: [{ ...kStatus, do: 'sttus' }] }, 2, /^$/, /^no such action: .*"sttus".*; there are status, .*\n$/],
   ['a mistyped command', decodeServer, { rules: [{ ...kStatus, on: '0x6i13' }] }, 2, /^$/, /^no such step or command: .*; there are connect, 0x7500, .*\n$/],
   ['a mistyped step', passport, { cardRules: [{ on: 'READ DGX', do: 'wrongMac' }] }, 2, /^$/, /^no such step or command: .*SELECT EF.COM.*\n$/],
-  ['rules that are no list', card, { cardRules: {} }, 2, /^$/, /^"cardRules" is no list of rules\n$/],
   ['a status of the server, with its rule', card, { rules: [kStatus] }, 1,
     /^ {2}rule {3}status at 0x6113$.*\(-1301\).*result_code \.+ -1301 \(status 001301 of the server\)/ms],
   ['a rule of the chip', passport, { cardRules: [{ on: 'READ DG1', do: 'wrongMac' }] }, 1, /^ {2}rule {3}wrongMac at READ DG1$.*CARD_FAILED: /ms],
@@ -83,9 +81,7 @@ for (const [name, program, persona, status, out, err = /^$/] of [ // a persona, 
     const path = join(kFolder, 'persona.json');
     writeFileSync(path, JSON.stringify(persona));
     const told = await run(program, ...(Array.isArray(persona) ? persona : ['--persona', path]));
-    assert.equal(told.status, status, told.err);
-    assert.match(told.out, out);
-    assert.match(told.err, err);
+    assert.deepEqual([told.status, out.test(told.out), err.test(told.err)], [status, true, true], told.out + told.err);
   });
 }
 
@@ -97,11 +93,10 @@ test('who has read enough ends a program quietly', async () => {
 test('the demo is in the order of time, and leaves nothing behind but the portrait', async () => {
   const portrait = join(kFolder, 'portrait.jpg');
   const { status, out } = await run('simulator/bin/demo.mjs', '--card-delay', '0', '--server-delay', '0', '--portrait', portrait);
-  assert.equal(status, 0, out);
   for (const part of out.split('    start     took').slice(1)) {
     const starts = [...part.matchAll(/^ +(\d+) ms +\d+ ms/gm)].map(([, ms]) => Number(ms));
     assert.deepEqual(starts, [...starts].sort((one, other) => one - other), part);
   }
-  assert.deepEqual([readFileSync(portrait).readUInt16BE(0), out.includes('portrait.jpg')], [0xffd8, true]);
-  assert.deepEqual(readdirSync(kFolder).filter((name) => name.startsWith('tqreader-demo-')), []);
+  const left = readdirSync(kFolder).filter((name) => name.startsWith('tqreader-demo-'));
+  assert.deepEqual([status, readFileSync(portrait).readUInt16BE(0), out.includes('portrait.jpg'), left], [0, 0xffd8, true, []], out);
 });

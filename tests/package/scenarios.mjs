@@ -32,18 +32,14 @@ const kBehaviour = {
 };
 
 /** Outcomes as a message between processes can carry them. */
-const settled = (promise) => promise.then(
-  ({ bytes, ...result }) => ({ result: { ...result, bytes: Buffer.from(bytes).toString('hex') } }),
-  (error) => ({ error: { isError: error instanceof Error, ...error, name: error.name, message: error.message } }));
+const settled = (promise) => promise.then((result) => ({ result }), (error) => ({ error: { ...error, name: error.name, message: error.message } }));
 
 /** The application of this process, as on a phone; what lies on it changes. */
 class Stage {
   app = new Application({ library: LIBRARY });
-  seen = null;
 
   constructor() {
-    this.app.module.on('command', ({ serial }) => this.#saw('commands', serial));
-    this.app.module.on('answer', ({ serial }) => this.#saw('answers', serial));
+    for (const what of ['command', 'answer']) this.app.module.on(what, ({ serial }) => this.#saw(`${what}s`, serial));
     this.app.on('difference', ({ message }) => this.#saw('differences', message));
   }
 
@@ -72,8 +68,7 @@ class Stage {
   }
 
   watch() {
-    this.seen = { commands: [], answers: [], differences: [], steps: [], progress: [] };
-    return this.seen;
+    return (this.seen = { commands: [], answers: [], differences: [], steps: [], progress: [] });
   }
 
   /** A connection that misbehaves at the `nth` command with this serial number. */
@@ -83,8 +78,7 @@ class Stage {
     return { transmit: (command) => {
       const now = this.app.module.open.serial;
       this.onEvent?.(now);
-      const hit = now === serial && (left -= 1) === 0;
-      return hit ? kBehaviour[behaviour](() => good.transmit(command)) : good.transmit(command);
+      return now === serial && (left -= 1) === 0 ? kBehaviour[behaviour](() => good.transmit(command)) : good.transmit(command);
     } };
   }
 
@@ -99,24 +93,17 @@ class Stage {
     const { differences } = this.watch();
     return { ...await settled(this.start({ connection: this.connection(), cancel: null })), differences };
   }
-
-  close() {
-    this.onEvent = null;
-    return this.server.stop();
-  }
 }
 
 const stage = new Stage();
 
 /**
  * One read, and a good one after it in the same process. A row may have
- *   identity, passport, claims, chip, server   see `Stage.open`; `nobody`: no server listens for the first read
- *   connection    see `Stage.connection`
- *   cancel        { on, times, afterMs }: at a command with this serial number, at a server command, at 'start', at 'CONNECT' (in
- *                 the progress function), or so many milliseconds after the start
- *   progress      'throws', 'rejects': what the progress function does
- *   silenceLimit  see ReadOptions
- *   atOnce        the good read begins in the same moment as the first one ends; otherwise when its worker is gone
+ *   identity, passport, claims, chip, server (see `Stage.open`), connection (see `Stage.connection`), silenceLimit (see ReadOptions)
+ *   nobody    no server listens for the first read
+ *   cancel    { on, times, afterMs }: at a command with this serial number, at a server command, at 'start', at 'CONNECT' (in the
+ *             progress function), or so many milliseconds after the start; `progress`: what the progress function does
+ *   atOnce    the good read begins in the same moment as the first one ends; otherwise when its worker is gone
  */
 async function perform({ connection, cancel, progress, silenceLimit, nobody, atOnce = false, ...setting } = {}) {
   await stage.open(setting);
@@ -129,9 +116,7 @@ async function perform({ connection, cancel, progress, silenceLimit, nobody, atO
       pulledAt ??= performance.now();
       for (let times = cancel.times ?? 1; times > 0; times -= 1) handle.cancel();
     };
-    const onEvent = (event) => {
-      if (event === cancel?.on) pull();
-    };
+    const onEvent = (event) => event === cancel?.on && pull();
     const options = { connection: stage.connection(connection), cancel: handle, silenceLimit, onProgress: (event) => {
       seen.progress.push({ ...event });
       onEvent(event.step);
@@ -149,20 +134,14 @@ async function perform({ connection, cancel, progress, silenceLimit, nobody, atO
     if (nobody) await stage.server.start(stage.server.update({ port: stage.config.port }));
     const next = atOnce ? stage.goodRead() : null;
     const idle = next ? null : await until(() => threads.idle, 3000);
-    if (!next) await sleep(pulledAt === undefined ? 0 : 80); // whatever comes late
+    if (!next && pulledAt !== undefined) await sleep(80); // whatever comes late
     handle.cancel(); // a read that is over does not mind
-    const came = structuredClone(seen);
-    const again = await (next ?? stage.goodRead());
-    return { ...outcome, ...came, ms, latency, idle, again };
+    return { ...outcome, ...structuredClone(seen), ms, latency, idle, again: await (next ?? stage.goodRead()) };
   } finally {
-    await stage.close();
+    stage.onEvent = null;
+    await stage.server.stop();
   }
 }
 
-process.on('message', async ({ id, argument }) => {
-  try {
-    process.send({ id, value: await perform(argument) });
-  } catch (error) {
-    process.send({ id, error: error.stack });
-  }
-});
+process.on('message', ({ id, argument }) => perform(argument)
+  .then((value) => process.send({ id, value }), (error) => process.send({ id, error: error.stack })));
