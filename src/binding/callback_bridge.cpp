@@ -12,6 +12,7 @@
 #include "binding/message.hpp"
 #include "core/result_code.h"
 #include "core/session/read_session.hpp"
+#include "util/clock.hpp"
 #include "util/format_text.hpp"
 #include "util/hex.h"
 #include "util/memory.h"
@@ -24,8 +25,6 @@ constexpr size_t kLongestCommand = 511;
 constexpr size_t kMonitorRoom = 10240;
 constexpr size_t kFailureRoom = 256;    // a result without data
 constexpr size_t kResultFraming = 256;  // beside the data
-
-constexpr int64_t kEightHoursMs = 28'800'000;
 
 // Wall-clock milliseconds plus eight hours; only logged.
 int64_t own_time() {

@@ -8,6 +8,7 @@
 #include <span>
 #include <string_view>
 
+#include "core/config/environment.hpp"
 #include "core/config/session_config.h"
 #include "crypto/sm4_padding.h"
 #include "location/https_exchange.hpp"
@@ -44,10 +45,6 @@ constexpr size_t kLeastAnswer = 12;
 
 constexpr size_t kBlockLength = 16;
 constexpr int32_t kModeCbc = 0;
-
-bool is_environment(int32_t code) {
-  return code == TQ_ENVIRONMENT_A || code == TQ_ENVIRONMENT_B || code == TQ_ENVIRONMENT_C;
-}
 
 int32_t check_name(const char* text) {
   return text != nullptr && std::strlen(text) <= TQ_SCP_NAME_MAX ? TQ_OK : TQ_FAILED;

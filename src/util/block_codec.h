@@ -18,6 +18,8 @@ TQ_API int32_t tq1_encode(const uint8_t* src, uint32_t n, const uint8_t key[8], 
    there is no memory. `dst` may be `src`. */
 TQ_API int32_t tq1_decode(const uint8_t* src, uint32_t n, const uint8_t key[8], uint8_t* dst);
 
+/* For callers from outside: nothing in the library calls what follows. */
+
 /* Second names of the two. */
 TQ_API int32_t tq2_encode(const uint8_t* src, uint32_t n, const uint8_t key[8], uint8_t* dst);
 TQ_API int32_t tq2_decode(const uint8_t* src, uint32_t n, const uint8_t key[8], uint8_t* dst);

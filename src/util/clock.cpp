@@ -3,9 +3,10 @@
 #include <sys/time.h>
 #include <time.h>
 
+#include "util/clock.hpp"
+
 namespace {
 
-constexpr int64_t kEightHoursMs = 28'800'000;
 constexpr int64_t kClockFailure = -1;
 
 }  // namespace
@@ -18,5 +19,5 @@ extern "C" int64_t getNowTimestamp(void) {
   if (gmtime_r(&now.tv_sec, &utc) == nullptr) return kClockFailure;
   const time_t as_local = mktime(&utc);
   if (as_local == static_cast<time_t>(-1)) return kClockFailure;
-  return int64_t{as_local} * 1000 + now.tv_usec / 1000 + kEightHoursMs;
+  return int64_t{as_local} * 1000 + now.tv_usec / 1000 + tq::kEightHoursMs;
 }

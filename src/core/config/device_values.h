@@ -11,6 +11,8 @@ TQ_BEGIN_C
    Returns its length, 0 when none is configured, or TQ_FAILED when it is longer than `capacity`. */
 TQ_API int32_t tq_get_device_id(const SessionConfig* cfg, char* dst, uint32_t capacity);
 
+/* For callers from outside: nothing in the library calls what follows. */
+
 /* Fills `dst` with n bytes of a linear congruential generator seeded with the application's current time in
    milliseconds, read once. Not a cryptographic generator: two calls within one millisecond give the same
    bytes. Returns the time that was read, 0 without a timestamp callback. n below 1 writes nothing. */

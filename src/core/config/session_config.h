@@ -100,6 +100,8 @@ TQ_API int32_t share_register_result_callback(SessionConfig* cfg, tq_result_call
 /* TQ_OK when a read may start; else the recorded code, or TQ_MISSING_CALL when none is recorded. */
 TQ_API int32_t check_function_call(SessionConfig* cfg);
 
+/* For callers from outside: nothing in the library calls what follows. */
+
 /* Sets the query-info parameters: a 0 to 2, b and c 0 or 1. A failure is recorded and keeps every read from
    starting until a call succeeds. Returns TQ_OK, TQ_MISSING_CALL before share_init, TQ_OUT_OF_RANGE or a
    TQ_QUERY_INFO_ code. */

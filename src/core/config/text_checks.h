@@ -16,6 +16,8 @@ TQ_API int32_t appid_check(const char* text, uint8_t* out);
 /* At most 64 bytes, none above 0x80, else TQ_BAD_SERIAL_NUMBER; null or empty is fine and copies nothing. */
 TQ_API int32_t SN_check(const char* text, char* out);
 
+/* For callers from outside: nothing in the library calls what follows. */
+
 /* At most `limit` bytes, none above 0x80, else TQ_OUT_OF_RANGE; null or empty is TQ_MISSING_CALL. */
 TQ_API int32_t current_check(const char* text, char* out, uint32_t limit);
 
