@@ -17,6 +17,7 @@ struct Box {
   QuestionNumber current = 0;
   bool open = false;
   bool settled = false;  // answered well, or given up
+  bool dropped = false;  // never put to the application
   const SessionConfig* asked_by = nullptr;
   int64_t time = 0;
   std::array<char, kBridgeText> text{};
@@ -49,6 +50,7 @@ Question::Question() {
   b.changed.wait(lock, [&] { return !b.open; });
   b.open = true;
   b.settled = false;
+  b.dropped = false;
   b.asked_by = current_read_owner();
   b.time = 0;
   b.text_len = 0;
@@ -80,6 +82,7 @@ int32_t Question::await_text(std::span<char> out) const {
   Box& b = box();
   std::unique_lock lock(b.mutex);
   await(b, lock);
+  if (b.dropped) return kNotAsked;
   if (b.text_len > out.size() || b.text_len >= b.text.size()) return -1;
   std::copy_n(b.text.begin(), b.text_len, out.begin());
   return static_cast<int32_t>(b.text_len);
@@ -105,7 +108,9 @@ void answer_text(QuestionNumber question, std::string_view text) {
 void drop_question(QuestionNumber question) {
   Box& b = box();
   const std::lock_guard lock(b.mutex);
-  if (b.current == question) settle(b);
+  if (b.current != question) return;
+  b.dropped = true;
+  settle(b);
 }
 
 void abandon_answers(const SessionConfig* owner) {

@@ -187,7 +187,7 @@ void call_monitor_function(napi_env env, napi_value function, void* context, voi
   if (env == nullptr) return;
   const OwnMessage message = HostEnvironment::take_message(context);
   if (!message) return;
-  if (!message->is_current()) {
+  if (message->read() != 0 && is_read_stopped(message->read())) {
     drop_question(message->question());
     return;
   }

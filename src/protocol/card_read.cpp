@@ -9,6 +9,7 @@
 #include "protocol/tcp_transport.h"
 #include "util/diagnostics.hpp"
 #include "util/memory.h"
+#include "util/system_random.hpp"
 
 namespace tq {
 
@@ -25,6 +26,11 @@ void CardRead::run() {
   std::fill(std::begin(cfg_.lastCommand), std::end(cfg_.lastCommand), uint8_t{0});
   cfg_.lastCommandLength = 0;
   if (session_.cancelled()) return;
+  Secret<1> random;
+  if (!system_random(random.bytes())) {  // every key of a read comes from there
+    deliver_result(TQ_FAILED);
+    return;
+  }
   const NewStickCardId stick_card_id(cfg_.stickCardId);
   if (int32_t rc = authenticate(cfg_, work_key_.bytes(), delay_, stick_card_id); rc < 0) {
     deliver_result(rc);

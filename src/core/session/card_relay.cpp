@@ -78,9 +78,9 @@ int32_t tq_read_card_send(SessionConfig* cfg, const uint8_t* command, uint32_t l
 
 int32_t tq_read_card_anlysis(SessionConfig* cfg, const uint8_t* answer, uint32_t length, uint8_t* out,
                              uint32_t capacity) {
-  if (cfg == nullptr || answer == nullptr || out == nullptr || length == 0) return TQ_NO_CARD_ANSWER;
+  if (cfg == nullptr || answer == nullptr || length == 0) return TQ_NO_CARD_ANSWER;
   const Bytes all(answer, length);
-  const std::span<uint8_t> room(out, capacity);
+  const std::span<uint8_t> room(out, out == nullptr ? 0 : capacity);
   if (length == 1) return judge_one_byte(*cfg, all[0]);
   if (ends_with(all, {0x90, 0x00})) return take_data(*cfg, all.first(length - 2), room);
   if (ends_with(all, {0x90, 0x00, 0x00})) return take_data(*cfg, all.first(length - 3), room);

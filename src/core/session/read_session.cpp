@@ -251,6 +251,10 @@ bool is_newest_read(uint64_t number) {
   return board().newest.load() == number;
 }
 
+bool is_read_stopped(uint64_t number) {
+  return !is_newest_read(number) || board().cancelled.load();
+}
+
 bool current_read_superseded() {
   return t_worker != nullptr && t_worker->superseded();
 }

@@ -99,6 +99,12 @@ uint64_t current_read_number();
 // False once the read of this number has been superseded.
 bool is_newest_read(uint64_t number);
 
+// True once the read of this number has been superseded or cancelled.
+bool is_read_stopped(uint64_t number);
+
+// Returned for a question that a stopped read no longer puts to the application.
+constexpr int32_t kNotAsked = -2;
+
 // On a worker thread: true once its read has been superseded. False elsewhere.
 bool current_read_superseded();
 
