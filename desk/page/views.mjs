@@ -105,7 +105,7 @@ export function grouped(steps) {
   for (const step of [...steps].sort((a, b) => a.at - b.at || a.n - b.n)) {
     const file = fileOf(step);
     const last = groups.at(-1);
-    if (file !== null && last?.file === file) last.steps.push(step);
+    if (file !== null && last?.file === file && !step.name.startsWith('SELECT')) last.steps.push(step);
     else groups.push({ file, steps: [step] });
   }
   return groups;

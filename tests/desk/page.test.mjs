@@ -149,6 +149,9 @@ test('misbehaviour is seen, and what would have been without it', async () => {
   await page.locator('.checks .bad', { hasText: 'DG1' }).waitFor();
   await read({ document: 'identityCard', misbehaviour: 'serverRefuses' }, 'failed');
   await page.getByText('-1301').first().waitFor();
+  await page.locator('.step', { hasText: 'REQB' }).waitFor();
+  await read({ kind: 'paceAlone' }, 'good');
+  await page.locator('.group', { hasText: 'EF.CardAccess' }).first().waitFor();
 });
 
 test('the read of a phone appears by itself', async () => {

@@ -126,7 +126,7 @@ export class PassportListener {
       if (id === 0x3f00) return 'SELECT MASTER FILE';
       return `SELECT ${id === 0x011c ? 'EF.CardAccess' : fileName(id)}`;
     }
-    if (instruction === 0xa4) return header[0] === 0 ? 'SELECT MASTER FILE' : kSteps[serial] ?? 'SELECT';
+    if (instruction === 0xa4) return header[0] === 0 ? 'SELECT MASTER FILE' : kSteps[serial] ?? 'SELECT a file';
     if (verb?.startsWith('READ')) return this.#file ? `READ ${this.#file.name}` : kSteps[serial] ?? 'READ';
     return verb ?? `instruction ${hex(Buffer.of(instruction))}`;
   }
@@ -240,9 +240,9 @@ export class PassportListener {
   // --- files ---
 
   #followFile(name, plain, data, status) {
-    const [verb, file] = name.split(' ');
+    const [verb] = name.split(' ');
     if (verb === 'SELECT') {
-      const isFile = status === '9000' && /^(EF|DG|file)/.test(file ?? '');
+      const isFile = status === '9000' && /^(EF|DG|file|a )/.test(name.slice(7));
       this.#file = isFile ? { name: name.slice(7), bytes: 0, total: 0 } : null;
     } else if (verb === 'READ' && this.#file && plain && data.length === 0 && status === '9000') {
       this.#file.bytes = Math.max(this.#file.bytes, plain.header.readUInt16BE(2) + (plain.le || 256)); // it came, and cannot be opened

@@ -67,11 +67,13 @@ function told(document, serialOfNext) {
 async function read(options) {
   const { library, identity, printed, reader: pcsc } = options;
   const module = new WatchedModule(loadLibrary(library));
+  let serial; // of the command that is open
+  module.on('command', (command) => ({ serial } = command));
   module.on('difference', (difference) => tell('difference', { by: 'application', ...difference.toJSON() }));
   module.on('monitor', ({ raw, record }) => tell('monitor', { raw, record }));
   const reader = new TqReader(module);
   const document = pcsc ? await real(pcsc) : simulated(options);
-  const connection = told(document, () => module.oldest?.serial);
+  const connection = told(document, () => serial);
   const settings = { connection, cancel, onProgress: (progress) => tell('progress', { ...progress }) };
   try {
     reader.configure(configOf(identity));
