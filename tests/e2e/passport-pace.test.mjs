@@ -64,6 +64,7 @@ describe('passport: PACE', { concurrency: 4 }, () => {
     ...[0, 8, 15, 17, 24, 31, 33, 48].map((count) => wrong('PACE NONCE', { do: 'nonceOf', count })),
     ...['PACE MAPPING', 'PACE KEY AGREEMENT'].flatMap((on) => ['echo', 'neutral', 'zeros', 'offCurve', 'beyondPrime', 'compressed'].map((fault) => wrong(on, { do: fault }))),
     ...['secret', 'key'].map((of) => wrong('PACE KEY AGREEMENT', { do: 'leadingZero', of }, {})),
+    ...kSteps.map((on) => wrong(on, { do: 'moreObjects' }, on === 'PACE TOKEN' ? {} : { code: kNoSense })), // behind the token there may be some
     wrong('PACE TOKEN', { do: 'wrongToken' }, { code: kWrongKey }), wrong('PACE TOKEN', { do: 'echo' }, { code: kWrongKey }),
     { ...wrong('PACE KEY AGREEMENT', { do: 'echo' }), name: 'our own key and token sent back', cardRules: [{ on: 'PACE KEY AGREEMENT', do: 'echo' }, { on: 'PACE TOKEN', do: 'echo' }] },
     ...kSteps.flatMap((on) => [{ do: 'noObject' }, { do: 'objectTag', tag: '87' }, { do: 'outerTag' }, { do: 'object', data: '' }, { do: 'object', data: '04' },

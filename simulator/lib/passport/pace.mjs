@@ -121,6 +121,7 @@ export class Pace {
     const spoiled = faults.get('object')?.data;
     const tagOf = Number.parseInt(faults.get('objectTag')?.tag ?? answers.toString(16), 16);
     const inner = faults.has('noObject') ? [] : [DER.tlv(tagOf, spoiled === undefined ? object : fromHex(spoiled)), ...more];
+    if (faults.has('moreObjects')) inner.push(DER.tlv(0x8b, u8(0)));
     return { data: DER.tlv(faults.has('outerTag') ? 0x7d : 0x7c, ...inner), channel,
       refusedByReader: [...faults.values()].some((fault) => PACE_ACTIONS.includes(fault.do) && !isHarmless(fault)) };
   }
@@ -207,8 +208,8 @@ export class Pace {
 
 /** What rules for the steps of PACE may do beside what they do elsewhere, see README.md. */
 export const PACE_ACTIONS = Object.freeze(['echo', 'neutral', 'zeros', 'offCurve', 'beyondPrime', 'compressed', 'wrongToken',
-  'object', 'objectTag', 'noObject', 'outerTag', 'nonceOf', 'leadingZero']);
-const isHarmless = (fault) => fault.do === 'leadingZero' || [16, 32].includes(fault.count);
+  'object', 'objectTag', 'noObject', 'moreObjects', 'outerTag', 'nonceOf', 'leadingZero']);
+const isHarmless = (fault) => ['leadingZero', 'moreObjects'].includes(fault.do) || [16, 32].includes(fault.count);
 
 const toSmall = (bytes) => Number(toNumber(bytes));
 
