@@ -23,7 +23,8 @@ export async function listenForPhones(store, { keys, env, host, port, trust }) {
       const kind = exchange.request[0] === kHeaderPassport ? 'passport' : 'identityCard';
       record = new Record({ id: store.nextId(), kind, source: 'phone', title: kind === 'passport' ? 'Passport' : 'Identity card', key, trust });
       record.began = exchange.receivedAt;
-      record.patience = setTimeout(() => record.endOfPhone(), kPatience).unref();
+      record.patience = setTimeout(() => end(record), kPatience).unref();
+      record.forget = () => records.delete(conversation);
       records.set(conversation, record);
       store.add(record);
     }
@@ -31,10 +32,19 @@ export async function listenForPhones(store, { keys, env, host, port, trust }) {
   };
   const end = (record, difference) => {
     clearTimeout(record.patience);
+    record.forget();
     record.endOfPhone(difference);
   };
 
+  // what a phone, or whoever poses as one, sends must not end the desk
   server.on('exchange', (exchange) => {
+    try {
+      take(exchange);
+    } catch (error) {
+      records.get(conversations.get(exchange.connection))?.differ({ by: 'desk', at: exchange.command, what: 'frame', text: error.message });
+    }
+  });
+  const take = (exchange) => {
     const record = recordOf(exchange);
     record.exchange(exchange);
     record.emit('summary');
@@ -42,7 +52,7 @@ export async function listenForPhones(store, { keys, env, host, port, trust }) {
       record.monitored({ raw: exchange.fields.raw, record: exchange.fields.record });
       end(record);
     }
-  });
+  };
   const early = new Map(); // differences of exchanges that are still to be told of
   server.on('difference', (difference) => early.set(difference.connection, difference));
   server.on('connection', ({ connection, state, awaited }) => {
@@ -50,6 +60,7 @@ export async function listenForPhones(store, { keys, env, host, port, trust }) {
     const record = records.get(conversations.get(connection));
     const difference = early.get(connection);
     conversations.delete(connection);
+    frames.forget(connection);
     early.delete(connection);
     if (!record) return;
     if (difference) record.differ({ by: 'server', ...difference.toJSON() });

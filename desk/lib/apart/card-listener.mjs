@@ -22,7 +22,7 @@ export class CardListener {
   command(bytes, serial) {
     this.#serial = serial;
     const [name, purpose] = kSteps[serial] ?? ['unknown command', ''];
-    if (serial < kRadio) return { name, purpose, fields: [field('Command', bytes, 'ISO/IEC 14443-3, type B')] };
+    if (serial < kRadio || bytes.length < 5) return { name, purpose, fields: [field('Command', bytes, serial < kRadio ? 'ISO/IEC 14443-3, type B' : '')] };
     const fields = [field('Class', bytes.subarray(0, 1)), field('Instruction', bytes.subarray(1, 2), kInstructions[bytes[1]] ?? '')];
     if (!name.startsWith('READ')) {
       const file = name.startsWith('SELECT') ? `file ${hex(bytes.subarray(5))}` : '';

@@ -10,6 +10,7 @@ const kLong = ['7201', '7202'];
 const kWithToken = ['7202', '7219'];
 const kResults = ['6102', '6113', '7202'];
 const kTypes = { AA: 'usual', A8: 'server authentication', 19: 'report', 99: 'result' };
+const kMostKept = 1000; // reads whose phone may still come back
 const kFiles = [...Array.from({ length: 16 }, (_, i) => `DG${i + 1}`), 'EF.SOD'];
 
 /** What each command is for. */
@@ -58,6 +59,11 @@ export class FrameListener {
     const parts = { request: this.#frame(conversation, code, isLong, request, false), response: [] };
     if (response) parts.response = this.#frame(conversation, code, isLong, response, true);
     return { code, conversation: conversation.number, ...parts };
+  }
+
+  /** A connection is closed; its read may go on with another. */
+  forget(connection) {
+    this.#byConnection.delete(connection);
   }
 
   #conversationOf(connection, code, isLong, request) {
@@ -151,6 +157,7 @@ export class FrameListener {
     if (!plain) return [field('Encrypted', payload)];
     conversation.token = Buffer.concat([plain, Buffer.alloc(Math.max(0, 16 - plain.length))]);
     this.#byToken.set(hex(conversation.token), conversation);
+    if (this.#byToken.size > kMostKept) this.#byToken.delete(this.#byToken.keys().next().value);
     return [field('Encrypted', payload, '', [opened('Token', plain, 'with it the reader comes back')])];
   }
 }
