@@ -111,9 +111,10 @@ async function perform({ connection, cancel, progress, silenceLimit, nobody, atO
     if (nobody) await stage.server.stop();
     const { seen } = stage;
     const handle = new CancelHandle();
-    let pulledAt;
+    let pulled = null; // 'just now', then 'before'
     const pull = () => {
-      pulledAt ??= performance.now();
+      pulled ??= 'just now';
+      setImmediate(() => { pulled = 'before'; });
       for (let times = cancel.times ?? 1; times > 0; times -= 1) handle.cancel();
     };
     const onEvent = (event) => event === cancel?.on && pull();
@@ -129,14 +130,14 @@ async function perform({ connection, cancel, progress, silenceLimit, nobody, atO
     if (cancel?.afterMs !== undefined) setTimeout(pull, cancel.afterMs);
     const outcome = await reading;
     const ms = performance.now() - began;
-    const latency = pulledAt === undefined ? null : performance.now() - pulledAt;
+    const cancelled = pulled;
     stage.onEvent = null;
     if (nobody) await stage.server.start(stage.server.update({ port: stage.config.port }));
     const next = atOnce ? stage.goodRead() : null;
     const idle = next ? null : await until(() => threads.idle, 3000);
-    if (!next && pulledAt !== undefined) await sleep(80); // whatever comes late
+    if (!next && pulled) await sleep(80); // whatever comes late
     handle.cancel(); // a read that is over does not mind
-    return { ...outcome, ...structuredClone(seen), ms, latency, idle, again: await (next ?? stage.goodRead()) };
+    return { ...outcome, ...structuredClone(seen), ms, cancelled, idle, again: await (next ?? stage.goodRead()) };
   } finally {
     stage.onEvent = null;
     await stage.server.stop();
