@@ -60,7 +60,7 @@ bool take_chunk(std::string_view& rest, std::string_view& data) {
 
 ResponseText::~ResponseText() {
   if (data_ == nullptr) return;
-  wipe(data_, len_);
+  wipe(data_, capacity_);
   tq_mem_free(data_);
 }
 
@@ -71,7 +71,7 @@ bool ResponseText::grow() {
   if (larger == nullptr) return false;
   std::copy_n(data_, len_, larger);
   if (data_ != nullptr) {
-    wipe(data_, len_);
+    wipe(data_, capacity_);
     tq_mem_free(data_);
   }
   data_ = larger;
