@@ -184,6 +184,7 @@ int exchange(Session& s, uint32_t capacity) {
   const ScpContext context = context_for(s, 2);
   const Bytes request = request_of(context);
   s.received = request;
+  s.received.resize(std::max(request.size(), size_t{capacity}));
   return scp_socket_send_and_recv(&context, s.received.data(), static_cast<uint32_t>(request.size()),
                                   s.received.data(), capacity);
 }
