@@ -14,7 +14,7 @@ std::optional<std::string_view> find_json_value(std::string_view text, std::stri
   if (!rest.starts_with("\":")) return std::nullopt;
   rest.remove_prefix(2);
   const bool quoted = rest.starts_with('"');
-  if (!quoted && !(kind == JsonValue::kTextOrObject && rest.starts_with('{'))) return std::nullopt;
+  if (!quoted && (kind != JsonValue::kTextOrObject || !rest.starts_with('{'))) return std::nullopt;
   const size_t end = rest.find(quoted ? '"' : '}', 1);
   if (end == std::string_view::npos) return std::nullopt;
   return quoted ? rest.substr(1, end - 1) : rest.substr(0, end + 1);
