@@ -56,7 +56,7 @@ class PassportRead final : public CardRead {
   // After a refusal: PACE, when that is what the chip wants and has, or else the end with `code`.
   Outcome open_otherwise(const ChipAnswer& refusal, int32_t code);
   Outcome select_card_access();
-  Outcome go_on_with_pace(Pace::Result result);
+  Outcome go_on_with_pace(Pace& pace, Pace::Result result);
 
   [[nodiscard]] bool take_mrz(MrzFields& out) const;
   Outcome start_on_the_server();

@@ -89,40 +89,41 @@ Outcome PassportRead::on_card_access_data() {
   if (!take_mrz(mrz) || !digest_mrz(mrz.number, mrz.birth, mrz.expiry, password.bytes()))
     return Outcome::end_with(TQ_CARD_REFUSED);
   pace_.emplace(*offer, password.bytes());
-  return go_on_with_pace(pace_->begin());
+  return go_on_with_pace(*pace_, pace_->begin());
 }
 
 Outcome PassportRead::on_pace_answer() {
   if (!pace_) return Outcome::end_with(TQ_CARD_REFUSED);
+  Pace& pace = *pace_;
   ChipAnswer answer;
   judge_answer(answer);
   if (answer.code() == TQ_NO_CARD_ANSWER) return Outcome::end_with(answer.code());
-  if (!answer.good()) return go_on_with_pace(pace_->take_refusal());
+  if (!answer.good()) return go_on_with_pace(pace, pace.take_refusal());
   Secret<Pace::kRandomLen> random;
   const bool draws = answer_.serial == kPaceNonce || answer_.serial == kPaceMapping;
   if (draws && !draw_random(cfg_, random.bytes())) return Outcome::end_with(TQ_FAILED);
   switch (answer_.serial) {
     case kPaceProtocol:
-      return go_on_with_pace(pace_->take_acceptance(answer.data()));
+      return go_on_with_pace(pace, pace.take_acceptance(answer.data()));
     case kPaceNonce:
       count_opening_time();
-      return go_on_with_pace(pace_->take_nonce(answer.data(), random.bytes()));
+      return go_on_with_pace(pace, pace.take_nonce(answer.data(), random.bytes()));
     case kPaceMapping:
-      return go_on_with_pace(pace_->take_mapping_key(answer.data(), random.bytes()));
+      return go_on_with_pace(pace, pace.take_mapping_key(answer.data(), random.bytes()));
     case kPaceKeyAgreement:
-      return go_on_with_pace(pace_->take_public_key(answer.data()));
+      return go_on_with_pace(pace, pace.take_public_key(answer.data()));
     default:
-      return go_on_with_pace(pace_->take_token(answer.data()));
+      return go_on_with_pace(pace, pace.take_token(answer.data()));
   }
 }
 
 // The next command of PACE carries the next number.
-Outcome PassportRead::go_on_with_pace(Pace::Result result) {
+Outcome PassportRead::go_on_with_pace(Pace& pace, Pace::Result result) {
   switch (result) {
     case Pace::Result::kNext: {
       const auto step = static_cast<uint8_t>(std::max<unsigned>(answer_.serial + 1U, kPaceProtocol));
       if (step == kPaceNonce) stopwatch_.start();
-      const std::span<const uint8_t> command = pace_->command();
+      const std::span<const uint8_t> command = pace.command();
       tq_read_card_send(&cfg_, command.data(), static_cast<uint32_t>(command.size()), step);
       return Outcome::go_on();
     }
@@ -133,7 +134,7 @@ Outcome PassportRead::go_on_with_pace(Pace::Result result) {
     case Pace::Result::kNonsense:
       return Outcome::end_with(TQ_CARD_REFUSED);
   }
-  channel_.start(pace_->keys(), {});
+  channel_.start(pace.keys(), {});
   pace_.reset();
   stopwatch_.start();
   return wait_if(
