@@ -51,7 +51,9 @@ for (let round = 0; round < kRounds; round += 1) {
 await watch.close();
 await service.stop();
 const median = (list) => [...list].sort((a, b) => a - b)[Math.floor(list.length / 2)];
-const [a, b] = [median(times.direct), median(times.pcsc)];
 for (const [name, list] of Object.entries(times)) console.log(`${name.padEnd(8)} ${list.map((ms) => Math.round(ms)).join(' ')} ms`);
-console.log(`medians of ${kRounds}: ${Math.round(a)} and ${Math.round(b)} ms, ${((b / a - 1) * 100).toFixed(1)} % more over PC/SC`);
+for (const [name, of] of [['medians', median], ['shortest', (list) => Math.min(...list)]]) { // on a busy machine the shortest tell more
+  const [a, b] = [of(times.direct), of(times.pcsc)];
+  console.log(`${name} of ${kRounds}: ${Math.round(a)} and ${Math.round(b)} ms, ${((b / a - 1) * 100).toFixed(1)} % more over PC/SC`);
+}
 process.exit();
