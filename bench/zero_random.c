@@ -1,5 +1,5 @@
-/* Preloaded for recordings and for reads against them: a library whose random bytes are zeros sends the same bytes in every
-   read. */
+/* Preloaded for recordings and for reads against them: a library whose random bytes are zeros sends the same
+   bytes in every read. */
 #include <string.h>
 #include <sys/random.h>
 

@@ -14,8 +14,8 @@ TQ_BEGIN_C
 TQ_API int32_t tq_read_card_send(SessionConfig* cfg, const uint8_t* command, uint32_t length, uint8_t serial);
 
 /* Judges an answer by its status word, a trailing zero byte of the reader allowed, and copies its data to
-   `out`, which may be null when none are expected. Returns their number, TQ_NO_CARD_ANSWER, TQ_CARD_REFUSED, TQ_CARD_FAILED, or TQ_FAILED for any other
-   status or data beyond `capacity`. */
+   `out`, which may be null when none are expected. Returns their number, TQ_NO_CARD_ANSWER, TQ_CARD_REFUSED,
+   TQ_CARD_FAILED, or TQ_FAILED for any other status or data beyond `capacity`. */
 TQ_API int32_t tq_read_card_anlysis(SessionConfig* cfg, const uint8_t* answer, uint32_t length, uint8_t* out,
                                     uint32_t capacity);
 
