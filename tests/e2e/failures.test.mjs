@@ -48,8 +48,9 @@ testReads('status of the server', kStatuses.flatMap(([status, code]) => [
   failing('0x5001', [{ do: 'malformed', kind: 'errorCommand', status }], { code: -35006 }),
 ]));
 
-const kNoAnswer = [[{ do: 'close' }], [{ do: 'reset' }], [{ do: 'malformed', kind: 'lengthLong' }, { do: 'hangup' }],
-  [{ do: 'malformed', kind: 'lengthHuge' }, { do: 'hangup' }]];
+const kNoAnswer = [[{ do: 'close' }], [{ do: 'reset' }],
+  ...[{ kind: 'lengthLong' }, { kind: 'lengthHuge' }, ...[1, 2, 3, 11, 16, -1].map((at) => ({ kind: 'cut', at }))].map((rule) =>
+    [{ do: 'malformed', ...rule }, { do: 'hangup' }])];
 testReads('connection lost', [
   ...Object.keys(kCommands).flatMap((on) => kNoAnswer.map((rules) =>
     failing(on, rules, { code: -22003, told: kCommands[on].told ?? 'application' }))),

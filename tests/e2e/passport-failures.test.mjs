@@ -17,7 +17,9 @@ const kKinds = { '0x7500': ['headerByte', 'opaqueAll', 'blockChecksum'],
   '0x7201': [...kFrame, 'badPadding', 'token', { kind: 'typeByte', byte: 0x99 }],
   '0x7202': [...kFrame, 'badPadding', 'flagByte', 'tagLengthPastEnd', { kind: 'typeByte', byte: 0xaa }] };
 const kStatuses = [['001301', -1301], ['002005', -2005], ['999999', -999999], ['12345A', -12345], ['000001', -35006], ['FFFFFF', -35006]];
-const kNoAnswer = [[{ do: 'close' }], [{ do: 'reset' }], [{ do: 'malformed', kind: 'lengthLong' }, { do: 'hangup' }]];
+const kNoAnswer = [[{ do: 'close' }], [{ do: 'reset' }],
+  ...[{ kind: 'lengthLong' }, ...[1, 3, 4, 5, 13, -1].map((at) => ({ kind: 'cut', at }))].map((rule) =>
+    [{ do: 'malformed', ...rule }, { do: 'hangup' }])];
 // the token has been handed out by a connection of its own, so that a third brings the record whatever became of the second
 const kTold = { '0x7500': 'none', '0x7201': 'application', '0x7202': 'both' };
 

@@ -99,14 +99,6 @@ export async function early() {
   return rows;
 }
 
-/** How long the answer to a server command is. */
-export async function lengthOfAnswer({ on, ...setting }) {
-  await app.open(setting);
-  await app.read();
-  await app.close();
-  return app.seen.exchanges.find(({ command }) => command === on).response.length;
-}
-
 /** Five seconds of a silent server: the result and the processor time that the process used meanwhile. */
 export async function idle() {
   await app.open({ server: { rules: [{ on: 'connect', do: 'silence' }] } });

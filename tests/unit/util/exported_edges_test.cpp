@@ -1,7 +1,6 @@
 // Edges of the exported helpers that no decoder's inputs come to: null pointers, signs, rooms, what the
 // encoders write.
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 
 #include <numeric>
 
@@ -101,20 +100,6 @@ TEST(ExportedHelpers, NumbersInEveryRadix) {
           << digits << " in " << radix;
       EXPECT_EQ(std::string(digits).find_first_of("abcdefghijklmnopqrstuvwxyz"), std::string::npos);
     }
-  }
-}
-
-TEST(ExportedHelpers, Base64AgreesWithOpenSsl) {
-  std::mt19937 generator(2);
-  for (size_t n = 1; n <= 300; ++n) {
-    const Bytes bytes = random_bytes(generator, n);
-    Bytes expected(4 * ((n + 2) / 3) + 1);
-    const int length = EVP_EncodeBlock(expected.data(), bytes.data(), static_cast<int>(n));
-    std::string text(expected.size() + 3, '#');
-    ASSERT_EQ(
-        BASE64encode(bytes.data(), static_cast<int32_t>(n), text.data(), static_cast<int32_t>(text.size())),
-        length);
-    ASSERT_EQ(text.substr(0, static_cast<size_t>(length)), std::string(expected.begin(), expected.end() - 1));
   }
 }
 
