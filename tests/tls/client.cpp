@@ -139,7 +139,7 @@ Bytes request_of(const ScpContext& context) {
 }
 
 // Whether the stack has four bytes of the text, in their order or the other way round, as in a word.
-bool holds(const Bytes& stack, std::string text) {
+[[maybe_unused]] bool holds(const Bytes& stack, std::string text) {
   for (int way = 0; way < 2; ++way, std::reverse(text.begin(), text.end())) {
     for (size_t at = 0; at + 4 <= text.size(); ++at) {
       if (memmem(stack.data(), stack.size(), &text[at], 4) != nullptr) return true;
