@@ -67,13 +67,16 @@ const kAnswers = [ // answer, code, status in the monitor record
   ['6A82', -1, 0x6a82], ['000000', -93001, 0], ['000001', -93001, 0], ['698600', -93005, 0x6986], ['698601', -1, 0x6986],
   ['6A8200', -1, 0x6a82], ['00001234', -93001, 0x1234], ['00000000', -93001, 0], ['12345678', -1, 0x12345678],
   ['FEDCBA00', -1, 0xfedcba00], ['11220000', -1, 0x11222200], ['6282900001', -1, 0x62820001], ['69860000', -1, 0x69868600],
+  ['90', -1, 0x9000], ['0002', -1, 2], ['0200', -1, 0x0200], ['0090', -1, 0x90], ['90000000', -1, 0x90009000], ['00006A82', -93001, 0x6a82],
 ];
+const kSuccesses = ['900000', 'AA9000', 'AA900000', '90009000', '9000900000', '00009000'];
 const kCardSteps = ['SELECT 6002', 'READ 6002', 'INTERNAL AUTHENTICATE', 'GET CHALLENGE', 'EXTERNAL AUTHENTICATE', 'SELECT 6011',
   'READ 6011', 'SELECT 6012', 'READ 6012', 'SELECT 6013', 'READ 6013'];
 const cardFails = (on, rule, row) => ({ name: `${on}: ${Object.values(rule).join(' ').slice(0, 60)}`, cardRules: [{ on, ...rule }], ...row });
 
 testReads('answers of the card', [
   ...kAnswers.map(([data, code, nfc]) => cardFails('SELECT 6011', { do: 'answer', data }, { code, nfc })),
+  ...kSuccesses.map((data) => cardFails('SELECT 6011', { do: 'answer', data }, {})),
   ...kCardSteps.flatMap((on) => [
     cardFails(on, { do: 'status' }, { code: -93001, nfc: 0 }),
     cardFails(on, { do: 'empty' }, { code: -93001, nfc: 0 }),

@@ -48,8 +48,8 @@ testReads('results', kBothModes.flatMap((mode) => [
   { name: 'flag 2 without data', ...result(mode, { flag: 2, data: '' }), raw: '{"code": 0,"flag":2,"data":""}' },
   { name: 'flag 3', ...result(mode, { flag: 3 }), code: -35006 },
   { name: 'no tags', ...result(mode, { tags: [] }), raw: jsonResult() },
-  { name: 'only a type', ...result(mode, { tags: [{ idType: 7 }] }), raw: jsonResult('{"idType":"07"}') },
-  { name: 'a type of three digits', ...result(mode, { tags: [{ idType: 255 }] }), raw: jsonResult('{"idType":"255"}') },
+  ...[[7, '07'], [9, '09'], [10, '10'], [255, '255']].map(([idType, text]) =>
+    ({ name: `only a type, ${idType}`, ...result(mode, { tags: [{ idType }] }), raw: jsonResult(`{"idType":"${text}"}`) })),
   { name: 'type and back-card id', ...result(mode, { tags: [{ backCardId: '12AB' }, { idType: 1 }] }),
     raw: jsonResult('{"idType":"01","backCardId":"12AB"}') },
   { name: 'only a back-card id', ...result(mode, { tags: [{ backCardId: 'FF' }] }), raw: jsonResult('{"backCardId":"FF"}') },
@@ -58,9 +58,13 @@ testReads('results', kBothModes.flatMap((mode) => [
   { name: 'length of nine bytes', ...result(mode, { tags: [{ info: '{}', lengthBytes: 9 }] }), raw: jsonResult('{}') },
   { name: 'an unknown tag ends the scan', ...result(mode, { tags: [{ idType: 1 }, { raw: '0700' }, { info: '{}' }] }),
     raw: jsonResult('{"idType":"01"}') },
-  { name: 'a NUL in the information', ...result(mode, { tags: [{ raw: '010200052241004222' }] }), code: -35006 },
-  { name: 'a length past the end', ...result(mode, { tags: [{ idType: 1 }, { raw: '0102FFFF7B' }] }), code: -35006 },
-  { name: 'a tag cut short', ...result(mode, { tags: [{ idType: 1 }, { raw: '0002' }] }), code: -35006 },
+  ...['00FFFF 020212AB', '000101 0001FF 020212AB', '020212AB 0001FF', '020212AB 0001FF 01', '020212AB 0001FF 010100 03FF 000101'].map((raw) =>
+    ({ name: `tags ${raw}`, ...result(mode, { tags: [{ raw: raw.replaceAll(' ', '') }] }), raw: jsonResult('{"idType":"255","backCardId":"12AB"}') })),
+  { name: 'an empty back-card id', ...result(mode, { tags: [{ raw: '0200' }] }), raw: jsonResult() },
+  { name: 'the longest back-card id', ...result(mode, { tags: [{ backCardId: 'A5'.repeat(255) }] }), raw: jsonResult(`{"backCardId":"${'A5'.repeat(255)}"}`) },
+  // a NUL in the information, lengths past the end, among them some that wrap round, tags cut short
+  ...['010200052241004222', '010102 7B00', '0102FFFF7B', '0002', '0000', '020312AB', '010108 7B226E223A317D', '0105 0001', '0105 01000000017B',
+    '0109 0100000000000000017B'].map((raw) => ({ name: `tags ${raw}`, ...result(mode, { tags: [{ idType: 1 }, { raw: raw.replaceAll(' ', '') }] }), code: -35006 })),
 ].map((row) => ({ ...row, name: `readMode ${mode}: ${row.name}` }))).concat([
   // the receive buffer: 7168 bytes for file 6013 when both modes are off, else 1128
   ...[[2, 0, 7168], [2, 1, 1128], [1, 0, 1128], [1, 1, 1128]].flatMap(([mode, decodeMode, room]) => [0, 1].map((over) => {
