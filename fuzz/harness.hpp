@@ -18,6 +18,8 @@
 namespace fuzz {
 
 using test::Bytes;
+using test::response_frame;
+using test::secret_frame;
 using View = std::span<const uint8_t>;
 
 inline void require(bool condition) {
@@ -104,16 +106,12 @@ inline void append(Bytes& out, View in) {
   out.insert(out.end(), in.begin(), in.end());
 }
 
-inline void append_number(Bytes& out, size_t value, size_t width) {
-  for (size_t i = width; i > 0; --i) out.push_back(static_cast<uint8_t>(value >> (8 * (i - 1))));
-}
-
 // A DER element with the shortest length field.
 inline Bytes element(uint8_t tag, View content) {
   Bytes out = {tag};
   const size_t width = content.size() < 0x100 ? 1 : content.size() < 0x10000 ? 2 : 3;
   if (content.size() >= 0x80) out.push_back(static_cast<uint8_t>(0x80 + width));
-  append_number(out, content.size(), width);
+  append(out, test::be(content.size(), width));
   append(out, content);
   return out;
 }
@@ -130,21 +128,6 @@ inline Bytes security_object(View hashes) {
   const Bytes object = element(0x30, number + Bytes{0x30, 0} + element(0x30, hashes));
   const Bytes content = element(0x30, type + element(0xA0, element(0x04, object)));
   return element(0x77, element(0x30, type + element(0xA0, element(0x30, number + Bytes{0x31, 0} + content))));
-}
-
-// A response that says success, unless it has a status.
-inline Bytes response_frame(uint8_t header, uint32_t command, uint8_t type, uint32_t parameter, View payload,
-                            uint32_t status = 0) {
-  return test::response_frame({.command = command,
-                               .payload = bytes_of(payload),
-                               .header = header,
-                               .type = type,
-                               .parameter = parameter,
-                               .status = test::be(status, 3)});
-}
-
-inline Bytes secret_frame(uint32_t command, View data) {
-  return test::secret_frame(command, bytes_of(data));
 }
 
 inline size_t number(View bytes) {

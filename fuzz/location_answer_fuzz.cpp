@@ -29,9 +29,8 @@ Bytes encrypt(const ScpContext& context, View plain) {
 }
 
 Bytes frame_around(View payload) {
-  Bytes frame = {0x93};
-  append_number(frame, payload.size() + 12, 2);
-  frame = frame + Bytes{0x93, 0, 0, 0, 0, 0, 8, 0xAA} + payload;
+  const Bytes length = test::be(payload.size() + 12, 2);
+  Bytes frame = Bytes{0x93} + length + Bytes{0x93, 0, 0, 0, 0, 0, 8, 0xAA} + payload;
   frame.push_back(sum(View(frame).subspan(1)));
   return frame;
 }

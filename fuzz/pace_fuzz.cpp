@@ -1,7 +1,6 @@
 // The answers to the four GENERAL AUTHENTICATE of PACE, in the conversation of ICAO 9303-11 appendix G.1: all
 // but one of them are the recorded ones. Choice: which one is the input instead.
 #include <algorithm>
-#include <string_view>
 
 #include "harness.hpp"
 #include "passport/pace.hpp"
@@ -11,15 +10,8 @@ namespace {
 using fuzz::Bytes;
 using fuzz::View;
 using fuzz::operator+;
+using test::from_hex;
 using Result = tq::Pace::Result;
-
-Bytes from_hex(std::string_view digits) {
-  const auto value = [](char c) { return c <= '9' ? c - '0' : c - 'A' + 10; };
-  Bytes bytes;
-  for (size_t i = 0; i < digits.size(); i += 2)
-    bytes.push_back(static_cast<uint8_t>(value(digits[i]) << 4 | value(digits[i + 1])));
-  return bytes;
-}
 
 // Tag and value of the object within.
 struct Answer {

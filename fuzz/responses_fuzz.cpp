@@ -80,8 +80,8 @@ Opened reference(const Parser& p, View frame) {
 }
 
 Bytes answer(const Parser& p, Mode mode, View content) {
-  const Bytes framed =
-      mode == kSecret ? secret_frame(p.inner != 0 ? p.inner : p.command, content) : bytes_of(content);
+  const Bytes framed = mode == kSecret ? secret_frame(p.inner != 0 ? p.inner : p.command, bytes_of(content))
+                                       : bytes_of(content);
   if (mode == kAsItIs || (p.kind == kSecretFrame && mode != kPutRight)) return framed;
   if (mode == kPutRight) {
     const size_t at = p.kind == kSecretFrame ? 3 : 1;

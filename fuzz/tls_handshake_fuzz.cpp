@@ -39,9 +39,7 @@ const Bytes& leaf() {
 }
 
 Bytes message(uint8_t type, View body) {
-  Bytes out = {type};
-  append_number(out, body.size(), 3);
-  return out + body;
+  return Bytes{type} + test::be(body.size(), 3) + bytes_of(body);
 }
 
 class Server final : public TlsChannel {
@@ -165,12 +163,7 @@ class Server final : public TlsChannel {
     const size_t high = choices_.next();
     return high << 8 | choices_.next();
   }
-  Bytes bytes(size_t len) {
-    const View rest = choices_.content();
-    Bytes out(rest.begin(), rest.begin() + static_cast<ptrdiff_t>(std::min(len, rest.size())));
-    for (size_t i = 0; i < out.size(); ++i) choices_.next();
-    return out;
-  }
+  Bytes bytes(size_t len) { return bytes_of(choices_.take(len)); }
 
   // --- the client's side ---
 
@@ -239,16 +232,12 @@ class Server final : public TlsChannel {
     Bytes body;
     switch (next_) {
       case Next::kHello:
-        body = {3, 3};
-        append(body, randoms_.server);
-        body.push_back(0);
-        append_number(body, suite_->id, 2);
-        body.push_back(0);
+        body = Bytes{3, 3} + randoms_.server + Bytes{0} + test::be(suite_->id, 2) + Bytes{0};
         append(body, named_ ? View(kNamedExtensions) : View(kExtensions));
         return message(2, body);
       case Next::kCertificate:
-        append_number(body, 2 * (leaf().size() + 3), 3);
-        for (int i = 0; i < 2; ++i) append_number(body, leaf().size(), 3), append(body, leaf());
+        body = test::be(leaf().size(), 3) + leaf();
+        body = test::be(2 * body.size(), 3) + body + body;
         return message(11, body);
       case Next::kRequest:
         return message(13, Bytes{1, 1, 0, 2, 4, 1, 0, 4, 0, 2, 0x30, 0});
@@ -325,9 +314,7 @@ class Server final : public TlsChannel {
       fragment.resize(content.size() + tq::tls::kMaxSealingLen);
       fragment.resize(writing_.seal(type, content, random, fragment));
     }
-    Bytes record = {static_cast<uint8_t>(type), 3, 3};
-    append_number(record, fragment.size(), 2);
-    give(record + fragment);
+    give(Bytes{static_cast<uint8_t>(type), 3, 3} + test::be(fragment.size(), 2) + fragment);
     if (type != ContentType::kAlert) num_warnings_ = 0;
     if (type == ContentType::kApplicationData && writing_.started() && authentic_ && !closed_)
       append(data_, content);

@@ -25,13 +25,11 @@ inline size_t length_width(uint32_t command) {
   return command == 0x7201 || command == 0x7202 ? 4 : 2;
 }
 
-// SM4-CBC of whole blocks, and with PKCS#7 padding.
-inline Bytes seal_blocks(const Bytes& blocks, const Bytes& key = kKey, const Bytes& iv = kVector) {
-  return openssl_cipher(EVP_sm4_cbc(), true, key, iv, blocks);
-}
+// SM4-CBC with PKCS#7 padding.
 inline Bytes seal(const Bytes& plain, const Bytes& key = kKey, const Bytes& iv = kVector) {
   const size_t padding = 16 - plain.size() % 16;
-  return seal_blocks(plain + Bytes(padding, static_cast<uint8_t>(padding)), key, iv);
+  const Bytes blocks = plain + Bytes(padding, static_cast<uint8_t>(padding));
+  return openssl_cipher(EVP_sm4_cbc(), true, key, iv, blocks);
 }
 
 // The plaintext of whole blocks: 1 to 16 bytes of padding are cut off, of which only the last is looked at.
@@ -58,20 +56,12 @@ inline Bytes request_frame(uint32_t command, const Bytes& payload, uint8_t heade
                 1);
 }
 
-struct ResponseFields {
-  uint32_t command = 0x5012;
-  Bytes payload = {};
-  uint8_t header = 0x70;
-  uint8_t type = 0xAA;
-  uint32_t parameter = 8;
-  Bytes status = from_hex("000000");
-  uint32_t form = 0;  // the command that decides the length form; 0 = `command`
-};
-
-inline Bytes response_frame(const ResponseFields& f) {
-  const size_t width = length_width(f.form == 0 ? f.command : f.form);
-  return summed(Bytes{f.header} + be(f.payload.size() + 10 + width, width) + be(f.command, 2) + f.status +
-                    be(f.parameter, 2) + Bytes{f.type} + f.payload,
+// A response that says success, unless it has a status.
+inline Bytes response_frame(uint8_t header, uint32_t command, uint8_t type, uint32_t parameter,
+                            const Bytes& payload, uint32_t status = 0) {
+  const size_t width = length_width(command);
+  return summed(Bytes{header} + be(payload.size() + 10 + width, width) + be(command, 2) + be(status, 3) +
+                    be(parameter, 2) + Bytes{type} + payload,
                 1);
 }
 

@@ -1,5 +1,5 @@
 // What the tests of requests share: a configuration, the system's randomness, and what is expected of
-// builders and parsers.
+// builders.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -47,16 +47,6 @@ void expect_built(Build build, const Bytes& expected) {
   if (!expected.empty()) {
     EXPECT_EQ(build(out.data(), len(expected) - 1), -1);
   }
-}
-
-// `parse(frame, length, out, capacity)` delivers these bytes (or the code) where they just fit, and refuses
-// the frame cut anywhere.
-template <typename Parse>
-void expect_parsed(Parse parse, const Bytes& frame, const std::string& result, size_t room) {
-  Bytes out(room);
-  EXPECT_EQ(text_of(parse(frame.data(), len(frame), out.data(), len(out)), out), result);
-  for (size_t n = 0; n < frame.size(); ++n)
-    EXPECT_EQ(parse(exact_copy(frame, n).data(), static_cast<uint32_t>(n), out.data(), len(out)), -1) << n;
 }
 
 }  // namespace test
