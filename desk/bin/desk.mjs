@@ -24,6 +24,7 @@ const options = parseOptions(kUsage, {
   keys: { value: 'FILE', default: join(kRoot, 'keys/development_keys.h'), text: 'key header that it was built with' },
 });
 if (!existsSync(options.library)) fail(`There is no library at ${options.library}.`);
+if (options.trust && !existsSync(options.trust)) fail(`There is no folder ${options.trust}.`);
 
 // what these bring in is there only once the project has been built
 const { Desk } = await import('../lib/desk.mjs');

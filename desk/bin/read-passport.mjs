@@ -4,7 +4,7 @@
 import { existsSync, mkdirSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { fileURLToPath } from 'node:url';
-import { coloursFor, dotted } from '../../simulator/lib/account.mjs';
+import { coloursFor, dotted, printable } from '../../simulator/lib/account.mjs';
 import { fail, parseOptions } from '../../simulator/lib/command-line.mjs';
 import { loadKeys } from '../../simulator/lib/keys.mjs';
 
@@ -31,23 +31,27 @@ const kMarks = { good: colours.green('good     '), bad: colours.red('BAD      ')
 for (const name of ['number', 'birth', 'expiry']) {
   if (options[name] === undefined) fail(`--${name} is missing: what opens the chip is printed in the passport.\nTry --help.`);
 }
+for (const name of ['birth', 'expiry']) {
+  if (!/^\d{6}$/.test(options[name])) fail(`--${name} needs six digits, YYMMDD, not "${options[name]}".`);
+}
 if (!existsSync(options.library)) fail(`There is no library at ${options.library}.`);
+if (options.trust && !existsSync(options.trust)) fail(`There is no folder ${options.trust}.`);
 
 function tell({ judged, content, result, monitor, ms, steps }) {
   say(result.code === 0 ? colours.green(`Read in ${Math.round(ms)} ms with ${steps.length} commands.`) : colours.red(`Not read: ${result.message}`));
   if (!judged) return;
   const { holder, mrz, checks, notes, portrait } = judged;
   say();
-  for (const line of mrz?.lines ?? []) say(`  ${line}`);
+  for (const line of mrz?.lines ?? []) say(`  ${printable(line)}`);
   say();
   for (const [name, value] of Object.entries(holder)) say(dotted(name, typeof value === 'string' ? value : value?.words ?? JSON.stringify(value)));
   say(dotted('portrait', portrait.bytes ? `${portrait.type}, ${portrait.bytes.length} bytes` : portrait.reason));
   say();
-  for (const { name, verdict, words } of checks) say(`  ${kMarks[verdict]}  ${name}: ${words}`);
-  for (const note of notes) say(`  ${note}`);
+  for (const { name, verdict, words } of checks) say(`  ${kMarks[verdict]}  ${name}: ${printable(words)}`);
+  for (const note of notes) say(`  ${printable(note)}`);
   say();
   say(`  files: ${Object.entries(content.files).map(([name, bytes]) => `${name} ${bytes.length}`).join(', ')} bytes`);
-  if (monitor) say(colours.dim(`  monitor record: ${monitor.raw}`));
+  if (monitor) say(colours.dim(`  monitor record: ${printable(monitor.raw)}`));
 }
 
 function save({ judged, content }, folder) {

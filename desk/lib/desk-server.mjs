@@ -74,7 +74,7 @@ export class DeskServer {
     for (const [name, value] of Object.entries(HEADERS)) response.setHeader(name, value);
     try {
       if (request.headers.host !== `${kHost}:${this.port}`) throw new Refusal(421, 'this desk has another address');
-      const { pathname } = new URL(request.url, `http://${kHost}`);
+      const [pathname] = request.url.split('?', 1);
       if (pathname.startsWith('/api/')) await this.#api(request, response, pathname.slice(5));
       else this.#file(request, response, pathname);
     } catch (error) {

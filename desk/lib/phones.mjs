@@ -62,6 +62,7 @@ export async function listenForPhones(store, { keys, env, host, port, trust }) {
     conversations.delete(connection);
     frames.forget(connection);
     early.delete(connection);
+    server.clear(); // what is kept is in the records, so that it can be forgotten
     if (!record) return;
     if (difference) record.differ({ by: 'server', ...difference.toJSON() });
     if (!awaited) end(record, difference);

@@ -28,7 +28,10 @@ export function startReading(about, { library, keys, read, server: settings = {}
 
   async function perform() {
     const { host, port } = await server.start();
-    const child = fork(kReader, [], { serialization: 'advanced', stdio: ['ignore', 'ignore', 'ignore', 'ipc'] });
+    // detached: Ctrl-C in the terminal is for the parent, which cancels the read
+    const child = fork(kReader, [], { detached: true, serialization: 'advanced', stdio: ['ignore', 'ignore', 'ignore', 'ipc'] });
+    const kill = () => child.kill('SIGKILL');
+    process.once('exit', kill);
     cancel.now = () => child.connected && child.send({ cancel: true });
     const events = {
       started: ({ at }) => { record.began = at; },
@@ -46,8 +49,8 @@ export function startReading(about, { library, keys, read, server: settings = {}
       });
       await record.end(outcome, outcome.at);
     } finally {
+      process.off('exit', kill);
       child.removeAllListeners('exit');
-      if (child.exitCode === null) child.once('exit', () => {});
       await server.stop();
     }
   }

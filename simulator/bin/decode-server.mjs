@@ -2,7 +2,7 @@
 // Runs the simulated decode server alone, for an application under test.
 
 import { fileURLToPath } from 'node:url';
-import { coloursFor, dump, fieldLines, SERVER_STEPS } from '../lib/account.mjs';
+import { coloursFor, dump, fieldLines, printable, SERVER_STEPS } from '../lib/account.mjs';
 import { clockText, now } from '../lib/clock.mjs';
 import { codeInWords } from '../lib/codes.mjs';
 import { fail, parseOptions } from '../lib/command-line.mjs';
@@ -54,7 +54,7 @@ const say = (text) => process.stdout.write(`${text}\n`);
 function summary({ command, fields, response, rules }) {
   const told = [];
   if (command === '0x7500' && fields) {
-    told.push(`appid ${fields.appid}`, `sn ${fields.sn || '(none)'}`, `terId ${fields.terId}`);
+    told.push(`appid ${printable(fields.appid)}`, `sn ${printable(fields.sn) || '(none)'}`, `terId ${fields.terId}`);
   }
   if (fields?.record) told.push(`result_code ${codeInWords(fields.record.result_code)}`);
   if (rules.length > 0) told.push(colours.yellow(`misbehaving: ${rules.join(', ')}`));
@@ -86,7 +86,7 @@ server.on('exchange', (exchange) => {
   }
 });
 server.on('difference', ({ message, connection }) => {
-  say(colours.red(`          DIFFERENCE  #${connection}  ${message}`));
+  say(colours.red(`          DIFFERENCE  #${connection}  ${printable(message)}`));
 });
 
 const { host, port } = await server.start().catch((error) => fail(error.message));

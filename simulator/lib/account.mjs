@@ -67,9 +67,12 @@ export function coloursFor(stream) {
     .map(([name, code]) => [name, (text) => (on ? `\x1b[${code}m${text}\x1b[0m` : text)]));
 }
 
+/** Text from elsewhere as a terminal may have it: what would move the cursor or turn the text around is shown as �. */
+export const printable = (text) => String(text).replace(/[\p{Cc}\u061C\u200E\u200F\u202A-\u202E\u2066-\u2069]/gu, '\uFFFD');
+
 /** "label ........ value" */
 export function dotted(label, value, width = 18) {
-  return `  ${`${label} `.padEnd(width, '.')} ${value}`;
+  return `  ${`${label} `.padEnd(width, '.')} ${printable(value)}`;
 }
 
 /** Bytes as hexadecimal text for a dump, in lines of 32 bytes. */
@@ -82,7 +85,7 @@ const kLongestShown = 64; // digits or characters of a field
 
 function fieldText(value) {
   if (value instanceof Uint8Array) return fieldText(Buffer.from(value).toString('hex').toUpperCase());
-  const text = typeof value === 'string' ? value : JSON.stringify(value) ?? 'none';
+  const text = printable(typeof value === 'string' ? value : JSON.stringify(value) ?? 'none');
   const size = /^([0-9A-Fa-f]{2})+$/.test(text) ? `${text.length / 2} bytes` : `${text.length} characters`;
   return text.length <= kLongestShown ? text || '(empty)' : `${text.slice(0, kLongestShown)}... (${size})`;
 }

@@ -25,8 +25,11 @@ after(async () => {
   await service?.stop();
 });
 
+let reading = null; // the program, with all that it has started in one group, as a terminal has them
+
 async function readPassport(...args) {
-  const program = spawn(process.execPath, [pathOf('desk/bin/read-passport.mjs'), ...args], { stdio: ['ignore', 'pipe', 'pipe'] });
+  const program = spawn(process.execPath, [pathOf('desk/bin/read-passport.mjs'), ...args], { detached: true, stdio: ['ignore', 'pipe', 'pipe'] });
+  reading = program;
   let told = '';
   for (const stream of [program.stdout, program.stderr]) stream.on('data', (text) => { told += text; });
   const [code] = await once(program, 'close');
@@ -103,19 +106,17 @@ test('with the service', async (t) => {
     assert.match(told, /Another program is using the card reader/);
   }));
 
-  await t.test('taken away in the middle', () => withPassport(async () => {
-    const { code, told } = await readPassport(...kPrinted);
-    assert.equal(code, 1);
-    assert.match(told, /The card was taken away/);
-  }, async (count, card) => {
-    if (count === 40) await card.remove();
-  }));
-
-  await t.test('the service, and the reader with it, goes in the middle', () => withPassport(async () => {
-    const { code, told } = await readPassport(...kPrinted);
-    assert.equal(code, 1);
-    assert.match(told, /The card reader is gone|service (is not running|has been stopped|does not answer)/);
-  }, (count) => {
-    if (count === 40) service.kill();
-  }));
+  for (const [what, words, happen] of [
+    ['the card is taken away', /The card was taken away/, (card) => card.remove()],
+    ['Ctrl-C', /Not read: .*cancel/i, () => process.kill(-reading.pid, 'SIGINT')],
+    ['the service goes, and the reader with it', /The card reader is gone|service (is not running|has been stopped|does not answer)/, () => service.kill()],
+  ]) {
+    await t.test(`${what}, in the middle`, () => withPassport(async () => {
+      const { code, told } = await readPassport(...kPrinted);
+      assert.equal(code, 1);
+      assert.match(told, words);
+    }, async (count, card) => {
+      if (count === 40) await happen(card);
+    }));
+  }
 });
