@@ -2,7 +2,7 @@
 
 import assert from 'node:assert/strict';
 import { test } from 'node:test';
-import { check, GOOD_RESULT, jsonResult, Process, testReads } from './support.mjs';
+import { jsonResult, Process, testReads } from './support.mjs';
 
 const kFast = { server: 40, card: 3 };
 const kSlow = { server: 201, card: 3 };
@@ -90,40 +90,4 @@ test('timing: what 0x6102 and 0x6113 carry', async () => {
     assert.deepEqual([fields[command].cardTime, fields[command].fileTime], expected);
   }
   await child.end();
-});
-
-// --- log lines ---------------------------------------------------------------------------------------------------------
-
-const kTime = '1700000000000';
-const kWorker = /^(时间函数回调1|获取到的时间戳[ABC]|C端准备发送)/;
-const timeCall = [/^时间函数回调1: 1$/, new RegExp(`^获取到的时间戳A: (0|${kTime})$`), /^获取到的时间戳B: 1\d{12}$/,
-  new RegExp(`^获取到的时间戳B: (0|${kTime})$`), new RegExp(`^获取到的时间戳C: ${kTime}$`)];
-const cardText = ({ command, serial }) => `{ "cmd": "${command}",  "serial_num": "${serial}"}`;
-const cardCall = (step) => [`C端准备发送读卡数据了: ${step.command.length / 2}`, `C端准备发送的读卡数据: ${cardText(step)}`];
-const cardAnswered = (step) => ['调用读卡安全函数1: s', `调用读卡安全函数: ${cardText(step)}`,
-  `nfc读卡返回数据结果: status:0, serial_num:${step.serial}, data:${step.answer}`];
-const kTimesBefore = { 0: 4, 4: 4, 5: 1 }; // readings of the clock before the command with this serial number
-
-test('the log lines of one good read', async () => {
-  const child = new Process();
-  const { steps, order, monitors, results, port } = await child.call('logged', { identity: { readMode: 1, filePath: '/a/b' } });
-  await child.end({ keep: true });
-  const lines = child.text('err').split(/^-{20}/m)[0].trimEnd().split('\n'); // a sanitizer may add its summary
-
-  const worker = [...steps.flatMap((step) => [...Array(kTimesBefore[step.serial] ?? 0).fill(timeCall).flat(), ...cardCall(step)]), ...timeCall];
-  const workerLines = lines.filter((line) => kWorker.test(line));
-  worker.forEach((wanted, i) => assert[wanted instanceof RegExp ? 'match' : 'equal'](workerLines[i], wanted));
-  assert.equal(workerLines.length, worker.length);
-
-  const times = (n) => Array(n).fill(`调用时间戳安全函数4: ${kTime}`);
-  assert.deepEqual(lines.filter((line) => !kWorker.test(line)), [
-    'ip: 127.0.0.1', `port: ${port}`, 'file_path: /a/b', 'terId: 51', 'envIdCode: 268', 'packageName: com.example.reader',
-    'appid: SIMULATEDREADER00001', 'reqidType: 1', 'sn: SIMULATED-DEVICE-0001', '初始化: 0', '设置reqid版本: 0',
-    '注册读卡回调: 0', '注册监控数据回调: 0', '注册时间戳回调: 0', '注册结果数据回调: 0', '调用身份证解码主函数: 0',
-    ...steps.flatMap((step) => [...times(kTimesBefore[step.serial] ?? 0), ...cardAnswered(step)]),
-    ...times(1), `调用监控数安全函数: ${monitors[0]}`, `调用返回结果安全函数: ${GOOD_RESULT}`, '调用取消操作: 2',
-  ]);
-  assert.deepEqual([monitors.length, results], [1, [GOOD_RESULT]]);
-  assert.deepEqual(child.text('out').trimEnd().split('\n'), order);
-  child.discard();
 });
