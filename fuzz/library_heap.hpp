@@ -16,11 +16,11 @@ struct Heap {
   size_t num_taken = 0;
   size_t failing = 0;  // the allocation of this number fails; 0 = none
   bool armed = false;  // the library runs, not the harness
-  std::vector<View> secrets = {};
+  std::vector<Bytes> secrets = {};
 
   bool whole() const { return failing == 0 || num_taken < failing; }
   bool holds_secrets(View memory) const {
-    return std::any_of(secrets.begin(), secrets.end(), [memory](View secret) {
+    return std::any_of(secrets.begin(), secrets.end(), [memory](const Bytes& secret) {
       return memmem(memory.data(), memory.size(), secret.data(), secret.size()) != nullptr;
     });
   }

@@ -1,6 +1,6 @@
 // A passport chip that watches the commands of a read and answers them as it should, or as chips in people's
 // pockets do: Basic Access Control with the document and the session keys of ICAO Doc 9303-11 appendix D,
-// secure messaging, and a handful of files.
+// PACE on every curve and with every cipher, secure messaging, and a handful of files.
 #pragma once
 
 #include <iterator>
@@ -8,8 +8,8 @@
 #include <optional>
 
 #include "harness.hpp"
-#include "passport/chip_peer.hpp"
 #include "passport/mutual_authentication.hpp"
+#include "passport/pace_chip.hpp"
 #include "passport/passport_session_record.h"
 
 namespace fuzz {
@@ -25,18 +25,19 @@ inline const Bytes kNonce = test::from_hex("4608F91988702212");
 // Stands in DG1; no freed memory may hold it.
 inline constexpr char kHolder[] = "P<UTOERIKSSON<<ANNA<MARIA<<<";
 
-// PACE with P-256 and AES-128 by generic mapping, in EF.CardAccess; and the base point as anybody's key.
-inline const Bytes kCardAccess = test::from_hex("31143012060A04007F0007020204020202010202010C");
-inline const Bytes kPoint = test::from_hex(
-    "046B17D1F2E12C4247F8BCE6E563A440F277037D812DEB33A0F4A13945D898C296"
-    "4FE342E2FE1A7F9B8EE7EB4A7C0F9E162BCE33576B315ECECBB6406837BF51F5");
+// Of PACE: digest of the machine-readable zone, the nonce of appendix G.1, and what EF.CardAccess offers.
+inline const Bytes kPassword = test::openssl_digest(EVP_sha1(), test::from_text("L898902C<369080619406236"));
+inline const Bytes kPaceNonce = test::from_hex("3F00C4D39D153F2B2A214A078D899B22");
+inline Bytes card_access(uint8_t cipher, uint8_t domain) {
+  return test::tlv(0x31, test::pace_info(2, cipher, domain));
+}
 
 // Files that a read gets through, EF.COM and EF.SOD with just the way to their lists.
 inline std::map<uint16_t, Bytes> usual_files() {
   Bytes holder(std::begin(kHolder), std::end(kHolder));
   holder.resize(88, '<');
   return {
-      {TQ_EF_CARD_ACCESS, kCardAccess},
+      {TQ_EF_CARD_ACCESS, card_access(2, 13)},
       {TQ_EF_COM, element(0x60, Bytes{0x5F, 0x01, 0, 0x5F, 0x36, 0, 0x5C, 5, 0x61, 0x75, 0x6B, 0x6E, 0x6F})},
       {TQ_EF_SOD,
        security_object(Bytes{0x30, 7, 2, 1, 1, 4, 2, 0xAA, 0xAA, 0x30, 7, 2, 1, 2, 4, 2, 0xBB, 0xBB})},
@@ -56,6 +57,8 @@ struct ChipReply {
 class PassportChip {
  public:
   std::map<uint16_t, Bytes> files = usual_files();
+  bool pace_alone = false;           // has no Basic Access Control
+  std::vector<Bytes> new_secrets{};  // that PACE has brought about
 
   // A command of the reader, which must be right in every byte. With `strict` off its keys and counter may be
   // beyond the chip, since the reader got something else than the chip's answers.
@@ -79,6 +82,8 @@ class PassportChip {
     const Command& c = *command_;
     ChipReply reply;
     reply.in_channel = c.in_channel;
+    const bool of_basic_access = c.instruction == 0x84 || c.instruction == 0x82 || c.data.size() == 7;
+    if (pace_alone && of_basic_access && !c.in_channel) return {{}, 0x6982};
     switch (c.instruction) {
       case 0xA4:
         if (c.data.size() == 2) selected_ = static_cast<uint16_t>(number(c.data));
@@ -88,8 +93,10 @@ class PassportChip {
         return {kNonce};
       case 0x82:
         return {authenticated()};
+      case 0x22:
+        return pace_protocol();
       case 0x86:
-        return {agreed()};
+        return agreed(c.data);
       case 0x88:
         reply.data = Bytes(128, 0xAA);
         return reply;
@@ -147,7 +154,22 @@ class PassportChip {
       require(apdu.size() > 5 && apdu.size() - 5 - apdu[4] <= 1);
       c.data = test::slice(apdu, 5, 5 + apdu[4]);
     }
-    if (apdu[1] == 0x86 || apdu[1] == 0x22) return c;
+    if (apdu[1] == 0x22) {
+      require(apdu.size() >= 20 && test::slice(apdu, 0, 4) == test::from_hex("0022C1A4"));
+      require(test::slice(c.data, 0, 10) == test::from_hex("800A") + test::kPaceIdentifier);
+      require(c.data[11] >= 1 && c.data[11] <= 4 && test::slice(c.data, 12, 15) == test::from_hex("830101"));
+      require(c.data.size() == 15 || (c.data.size() == 18 && c.data[15] == 0x84 && c.data[16] == 1));
+      return c;
+    }
+    if (apdu[1] == 0x86) {
+      const size_t tag = c.data[1] < 0x80 ? 2 : 3;
+      step_of_pace_ = c.data.size() == 2 ? uint8_t{0} : c.data[tag];
+      if (step_of_pace_ == 0)
+        require(apdu == test::from_hex("10860000027C0000"));
+      else
+        require(test::PaceChip::take(apdu, step_of_pace_, c.data));
+      return c;
+    }
     if (apdu[1] != 0x82) {
       require(apdu == test::from_hex("00A4040C07A0000002471001") || apdu == test::from_hex("0084000008") ||
               apdu == test::from_hex("00A4000C023F00") || apdu == test::from_hex("00A4020C02011C") ||
@@ -172,7 +194,7 @@ class PassportChip {
     test::Chip channel = channel_;
     for (size_t i = 0; i < kMostCounted; ++i) {
       channel.count();
-      if (channel.mac(test::padded(test::slice(apdu, 0, 4)) + objects) != mac) continue;
+      if (channel.command_mac(test::slice(apdu, 0, 4), objects) != mac) continue;
       channel_ = channel;
       return understood(apdu, objects);
     }
@@ -205,11 +227,46 @@ class PassportChip {
     return c;
   }
 
-  // The steps of PACE with keys that fit the curve, if not the reader's.
-  Bytes agreed() const {
-    const uint8_t tag = command_->data.size() > 2 ? command_->data[2] : uint8_t{0};
-    if (command_->data.size() <= 2) return element(0x7C, element(0x80, Bytes(16, 0x4E)));
-    return element(0x7C, element(static_cast<uint8_t>(tag + 1), tag == 0x85 ? Bytes(8, 0x86) : kPoint));
+  // The terminal names mapping and cipher, and the domain where EF.CardAccess leaves a choice.
+  ChipReply pace_protocol() {
+    pace_.reset();
+    const Bytes& data = command_->data;
+    const auto found = files.find(TQ_EF_CARD_ACCESS);
+    const Bytes file = found == files.end() ? Bytes{} : found->second;
+    const auto info = std::search(file.begin(), file.end(), data.begin() + 2, data.begin() + 12);
+    const auto behind = static_cast<size_t>(file.end() - info);
+    const uint8_t id = data.size() > 15 ? data[17] : behind > 15 ? info[15] : uint8_t{0};
+    for (const test::Domain& domain : test::kDomains) {
+      if (domain.id == id) pace_.emplace(data[10], data[11], domain.nid);
+    }
+    return {{}, static_cast<uint16_t>(pace_ ? 0x9000 : 0x6A80)};
+  }
+
+  // A step of PACE, with what the terminal sent for it.
+  ChipReply agreed(const Bytes& value) {
+    const auto object = [&](const Bytes& own) {
+      return ChipReply{test::tlv(0x7C, test::tlv(static_cast<uint8_t>(step_of_pace_ + 1), own))};
+    };
+    if (!pace_) return {{}, 0x6985};
+    const Bytes secret(pace_->curve().field_len() - 1, 0x5C);
+    switch (step_of_pace_) {
+      case 0:
+        return {test::tlv(0x7C, test::tlv(0x80, pace_->encrypted_nonce(kPaceNonce, kPassword)))};
+      case 0x81:
+        if (pace_->curve().has(value)) return object(pace_->map(value, secret));
+        break;
+      case 0x83: {
+        if (!pace_->mapped() || !pace_->curve().has(value)) break;
+        const Bytes own_key = pace_->agree(value, secret);
+        new_secrets = {kPaceNonce, pace_->enc(), pace_->mac()};
+        return object(own_key);
+      }
+      default:
+        if (!pace_->agreed() || value != pace_->expected_token()) break;
+        channel_ = pace_->channel();
+        return object(pace_->own_token());
+    }
+    return {{}, 0x6300};
   }
 
   Bytes authenticated() const {
@@ -224,6 +281,8 @@ class PassportChip {
   std::optional<Command> command_;
   Bytes authentication_ = Bytes(32);
   test::Chip channel_{kSessionEnc, kSessionMac, 0};
+  std::optional<test::PaceChip> pace_;
+  uint8_t step_of_pace_ = 0;  // tag of the terminal's object; 0: it asks for the nonce
   uint16_t selected_ = 0;
 };
 

@@ -13,7 +13,6 @@ namespace {
 
 using namespace fuzz;
 
-constexpr size_t kBlock = 8;
 constexpr size_t kLongFile = 36000;
 const Bytes kSuccess = {0x90, 0x00};
 
@@ -29,14 +28,14 @@ enum Turn : uint8_t {
   kFile,         // id, blocks of 16, len, bytes: changes a file; no bytes remove it
   kCancel,       //
   kOdd,          // how, number: a reply of chips in people's pockets
+  kPaceAlone,    // which: no Basic Access Control, but PACE with one of 4 ciphers on one of 9 curves
   kNumTurns,
 };
 
 class Application final : public ReadApplication {
  public:
   Application(const uint8_t* data, size_t size) : ReadApplication({data, size}, 1) {
-    g_heap.secrets = {View(reinterpret_cast<const uint8_t*>(kHolder), sizeof kHolder - 1), kSessionEnc,
-                      kSessionMac, kDocumentEnc, kDocumentMac};
+    g_heap.secrets = {test::from_text(kHolder), kSessionEnc, kSessionMac, kDocumentEnc, kDocumentMac};
     const uint8_t mode = choices_.next();
     const uint8_t chunk = std::max<uint8_t>(choices_.next(), 1);
     server_.refused_connects = choices_.next();
@@ -70,6 +69,7 @@ class Application final : public ReadApplication {
       --good_answers_left_;
       answer_with(chip_.good_answer(), out);
     }
+    for (const Bytes& secret : std::exchange(chip_.new_secrets, {})) g_heap.secrets.push_back(secret);
     if (out.serial > 9) odd_step_ = true;
     if (step_ != 0) knows_content_ = false;
     return true;
@@ -90,6 +90,9 @@ class Application final : public ReadApplication {
           continue;
         case kCancel:
           cancelled_ = true;
+          continue;
+        case kPaceAlone:
+          have_pace_alone(choices_.next());
           continue;
         default:
           faithful_ = false;
@@ -115,6 +118,13 @@ class Application final : public ReadApplication {
     chip_.files[id] = bytes;
   }
 
+  void have_pace_alone(uint8_t which) {
+    faithful_ = faithful_ && !chip_.pace_alone;  // offers something else than before
+    chip_.pace_alone = true;
+    const auto cipher = static_cast<uint8_t>(1 + which % 4);
+    chip_.files[TQ_EF_CARD_ACCESS] = card_access(cipher, static_cast<uint8_t>(10 + which / 4 % 9));
+  }
+
   // With a right MAC the chip can say what it likes.
   Bytes with_mac(const Bytes& objects) {
     knows_content_ = false;
@@ -126,8 +136,9 @@ class Application final : public ReadApplication {
       case kData:
         return with_mac(chip_.channel().padded_cryptogram(counted()) + Bytes{0x99, 2, 0x90, 0});
       case kBlocks: {
+        const size_t block = chip_.channel().block_len();
         Bytes blocks = counted();
-        blocks.resize(blocks.size() / kBlock * kBlock + kBlock);
+        blocks.resize(blocks.size() / block * block + block);
         return with_mac(chip_.channel().cryptogram(blocks));
       }
       case kObjects:

@@ -2,12 +2,10 @@
 #include "passport/pace.hpp"
 
 #include <gtest/gtest.h>
-#include <openssl/obj_mac.h>
 
 #include <functional>
 
-#include "passport/chip_peer.hpp"
-#include "support/openssl_curve.hpp"
+#include "passport/pace_chip.hpp"
 
 namespace {
 
@@ -15,18 +13,6 @@ using namespace test;
 using tq::CipherSuite;
 using tq::Pace;
 using Result = tq::Pace::Result;
-
-const Bytes kIdentifier = from_hex("04007f0007020204");  // of PACE; mapping and cipher follow
-
-Bytes tlv(uint8_t tag, const Bytes& value) {
-  const auto len = static_cast<uint8_t>(value.size());
-  return (value.size() < 0x80 ? Bytes{tag, len} : Bytes{tag, 0x81, len}) + value;
-}
-
-Bytes pace_info(uint8_t mapping, uint8_t cipher, uint8_t domain) {
-  const Bytes identifier = kIdentifier + Bytes{mapping, cipher};
-  return tlv(0x30, tlv(0x06, identifier) + Bytes{0x02, 0x01, 0x02, 0x02, 0x01, domain});
-}
 
 std::string offered(const Bytes& card_access) {
   const auto offer = tq::strongest_pace(exact_copy(card_access, card_access.size()));
@@ -116,27 +102,6 @@ TEST(Pace, WorkedExample) {
   EXPECT_EQ(hex(pace.keys().mac.bytes().first(16)), "fe251c7858b356b24514b3bd5f4297d1");
 }
 
-struct Domain {
-  uint8_t id;
-  int nid;
-};
-const Domain kDomains[] = {{10, NID_secp224r1},       {11, NID_brainpoolP224r1}, {12, NID_X9_62_prime256v1},
-                           {13, NID_brainpoolP256r1}, {14, NID_brainpoolP320r1}, {15, NID_secp384r1},
-                           {16, NID_brainpoolP384r1}, {17, NID_brainpoolP512r1}, {18, NID_secp521r1}};
-
-const EVP_CIPHER* cbc(uint8_t cipher) {
-  const EVP_CIPHER* const ciphers[] = {EVP_des_ede_cbc(), EVP_aes_128_cbc(), EVP_aes_192_cbc(),
-                                       EVP_aes_256_cbc()};
-  return ciphers[cipher - 1];
-}
-
-Bytes suite_key(uint8_t cipher, const Bytes& secret, uint8_t counter) {
-  if (cipher == 1) return derived_key(secret, counter);
-  const Bytes digest =
-      openssl_digest(cipher == 2 ? EVP_sha1() : EVP_sha256(), secret + Bytes{0, 0, 0, counter});
-  return slice(digest, 0, cipher == 2 ? 16 : cipher == 3 ? 24 : 32);
-}
-
 // One conversation. The answers can be changed on their way: `twist` gets the number of the answer, 1 to 4.
 struct Conversation {
   std::mt19937 generator{4};
@@ -151,27 +116,16 @@ struct Conversation {
 
   Bytes keys{};  // of the chip
 
-  Bytes token(const Bytes& key, const Bytes& identifier, const Bytes& point) const {
-    const Bytes object = Bytes{0x7F} + tlv(0x49, tlv(0x06, identifier) + tlv(0x86, point));
-    return cipher == 1 ? retail_mac(key, padded(object)) : slice(openssl_cmac(key, object), 0, 8);
-  }
-
   // What the terminal's object with this tag has in it.
   static Bytes taken(const Pace& pace, uint8_t tag) {
     const Bytes command(pace.command().begin(), pace.command().end());
-    const size_t head = command[4] < 0x82 ? 7 : 8;
-    const Bytes object = slice(command, head, command.size() - 1);
-    const size_t value_at = object[1] < 0x80 ? 2 : 3;
-    const Bytes value = slice(object, value_at, object.size());
-    const Bytes whole = Bytes{static_cast<uint8_t>(tag == 0x85 ? 0x00 : 0x10), 0x86, 0, 0, command[4]} +
-                        tlv(0x7C, tlv(tag, value)) + Bytes{0};
-    EXPECT_EQ(hex(command), hex(whole));
+    Bytes value;
+    EXPECT_TRUE(PaceChip::take(command, tag, value)) << hex(command);
     return value;
   }
 
   Result run(Pace& pace) {
-    const OpenSslCurve curve(domain.nid);
-    const Bytes identifier = kIdentifier + Bytes{mapping, cipher};
+    PaceChip chip(mapping, cipher, domain.nid);
     const auto answer = [&](int number, const Bytes& object) {
       Bytes bytes = tlv(0x7C, object);
       twist(number, Bytes(pace.command().begin(), pace.command().end()), bytes);
@@ -182,36 +136,29 @@ struct Conversation {
       for (uint8_t& byte : random) byte = static_cast<uint8_t>(generator());
       return random;
     };
+    const auto secret = [&] { return random_bytes(generator, chip.curve().field_len() - 1); };
     EXPECT_EQ(pace.begin(), Result::kNext);
     EXPECT_EQ(hex(pace.command()),
-              hex(Bytes{0x00, 0x22, 0xC1, 0xA4, 15} + tlv(0x80, identifier) + tlv(0x83, {0x01})));
+              hex(Bytes{0x00, 0x22, 0xC1, 0xA4, 15} + tlv(0x80, kPaceIdentifier + Bytes{mapping, cipher}) +
+                  tlv(0x83, {0x01})));
     EXPECT_EQ(pace.take_acceptance({}), Result::kNext);
     EXPECT_EQ(hex(pace.command()), "10860000027c0000");
 
     const Bytes s = nonce.empty() ? random_bytes(generator, nonce_len) : nonce;
-    const size_t block = cipher == 1 ? 8 : 16;
-    const Bytes z =
-        openssl_cipher(cbc(cipher), true, suite_key(cipher, password_of_chip, 3), Bytes(block), s);
+    const Bytes z = chip.encrypted_nonce(s, password_of_chip);
     if (const Result r = pace.take_nonce(answer(1, tlv(0x80, z)), draw()); r != Result::kNext) return r;
 
-    const Bytes map_secret = random_bytes(generator, curve.field_len() - 1);
-    const Bytes agreed = curve.product(map_secret, taken(pace, 0x81));
-    const Bytes base = curve.product(s, {}, agreed);
-    if (const Result r = pace.take_mapping_key(answer(2, tlv(0x82, curve.product(map_secret, {}))), draw());
-        r != Result::kNext)
+    const Bytes mapped = chip.map(taken(pace, 0x81), secret());
+    if (const Result r = pace.take_mapping_key(answer(2, tlv(0x82, mapped)), draw()); r != Result::kNext)
       return r;
 
-    const Bytes secret = random_bytes(generator, curve.field_len() - 1);
-    const Bytes their_key = taken(pace, 0x83);
-    const Bytes own_key = curve.product(secret, base);
-    const Bytes x = slice(curve.product(secret, their_key), 1, 1 + curve.field_len());
-    const Bytes mac = suite_key(cipher, x, 2);
-    keys = suite_key(cipher, x, 1) + mac;
+    const Bytes own_key = chip.agree(taken(pace, 0x83), secret());
+    keys = chip.enc() + chip.mac();
     if (const Result r = pace.take_public_key(answer(3, tlv(0x84, own_key))); r != Result::kNext) return r;
 
-    const bool accepted = taken(pace, 0x85) == token(mac, identifier, own_key);
+    const bool accepted = taken(pace, 0x85) == chip.expected_token();
     const Bytes extra = mapping == 6 ? tlv(0x8A, Bytes(80, 0x5A)) : Bytes();
-    const Bytes last = answer(4, tlv(0x86, token(mac, identifier, their_key)) + extra);
+    const Bytes last = answer(4, tlv(0x86, chip.own_token()) + extra);
     return accepted ? pace.take_token(last) : pace.take_refusal();
   }
 

@@ -16,6 +16,11 @@ class OpenSslCurve {
 
   size_t field_len() const { return (static_cast<size_t>(EC_GROUP_get_degree(group_.get())) + 7) / 8; }
 
+  bool has(const Bytes& point) const {
+    const Point p(EC_POINT_new(group_.get()), EC_POINT_free);
+    return EC_POINT_oct2point(group_.get(), p.get(), point.data(), point.size(), ctx_.get()) == 1;
+  }
+
   // The big-endian factor times a point (none: the generator), plus another one; encoded, empty for the
   // neutral.
   Bytes product(const Bytes& factor, const Bytes& base, const Bytes& summand = {}) const {
