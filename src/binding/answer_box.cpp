@@ -7,6 +7,7 @@
 
 #include "core/session/read_session.hpp"
 #include "util/no_destroy.hpp"
+#include "util/secret.hpp"
 
 namespace tq {
 namespace {
@@ -62,6 +63,9 @@ Question::~Question() {
   const std::lock_guard lock(b.mutex);
   ++b.current;
   b.open = false;
+  b.time = 0;
+  b.text_len = 0;
+  wipe(b.text.data(), b.text.size());
   b.changed.notify_all();
 }
 

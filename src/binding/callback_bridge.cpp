@@ -187,7 +187,7 @@ void call_monitor_function(napi_env env, napi_value function, void* context, voi
   if (env == nullptr) return;
   const OwnMessage message = HostEnvironment::take_message(context);
   if (!message) return;
-  if (message->read() != 0 && is_read_stopped(message->read())) {
+  if (message->read() != 0 && !begin_report(message->read())) {
     drop_question(message->question());
     return;
   }
@@ -265,7 +265,10 @@ int32_t cardCallback(const uint8_t* apdu, uint32_t length, uint8_t serial, void*
   using namespace tq;
   static_cast<void>(userData);
   TQ_LOG("C端准备发送读卡数据了: %{public}d", static_cast<int>(length));
-  if (apdu == nullptr || length > kLongestCommand) return napi_invalid_arg;
+  if (apdu == nullptr || length > kLongestCommand) {
+    lose_command(current_read_number());
+    return napi_invalid_arg;
+  }
   Secret<2 * kLongestCommand + 2> hex;
   bytesToHexString(apdu, length, reinterpret_cast<char*>(hex.data()));
   OwnMessage message = Message::create(kBridgeText);

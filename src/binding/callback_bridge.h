@@ -17,7 +17,8 @@ TQ_API int32_t cardCallback(const uint8_t* apdu, uint32_t length, uint8_t serial
 
 /* Shows the monitor record to the application as JSON (shorter than 2048 bytes) and waits up to 500 ms for
    its answer, a text from "{" to "}". Writes the answer, or whatever came instead of one, to `out` without a
-   NUL. Returns its length, or -1 when text or answer are too long. */
+   NUL. Returns its length, -1 when text or answer are too long or the application cannot be asked, or -2 when
+   the calling worker's read was stopped before the application was. */
 TQ_API int32_t shareMonitorDataCallback(const monitor_param* param, char* out, uint32_t outSize);
 
 /* Asks the application for the current time in milliseconds and waits up to 500 ms for a value other than 0.

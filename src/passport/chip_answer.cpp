@@ -35,7 +35,8 @@ void ChipAnswer::judge(SessionConfig& cfg, Bytes answer, ChipAnswer& out, size_t
   if (out.code_ >= 0) {
     out.status_ = 0x9000;
   } else if (answer.size() >= kStatusLen) {
-    out.status_ = two_bytes(answer.last(trailer_len(answer)));
+    const size_t len = answer.size() <= kStatusLen + 1 ? answer.size() : trailer_len(answer);
+    out.status_ = two_bytes(answer.last(len));
   }
 }
 
@@ -52,12 +53,14 @@ void ChipAnswer::open(SessionConfig& cfg, SecureChannel& channel, Bytes answer, 
     }
     return;
   }
-  for (size_t trailer = kStatusLen; trailer <= kStatusLen + 1 && trailer < answer.size(); ++trailer) {
-    const Bytes objects = answer.first(answer.size() - trailer);
-    if (channel.open(objects, room, out.len_) != Opened::kYes) continue;
-    out.status_ = two_bytes(answer.last(trailer));
-    return;
-  }
+  // The status stands behind the MAC, and a zero of the reader's may stand behind that.
+  const size_t objects_len = channel.objects_len(answer);
+  const Bytes trailer = answer.subspan(objects_len);
+  const bool ends_well =
+      trailer.size() == kStatusLen || (trailer.size() == kStatusLen + 1 && trailer.back() == 0x00);
+  if (objects_len == 0 || !ends_well) return;
+  if (channel.open(answer.first(objects_len), room, out.len_) == Opened::kYes)
+    out.status_ = two_bytes(trailer);
 }
 
 }  // namespace tq

@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "core/session/card_relay.h"
-#include "passport/callers_channel.hpp"
 #include "passport/file_reader.h"
 #include "passport/secure_messaging.h"
 #include "util/byte_cursor.hpp"
@@ -213,17 +212,19 @@ namespace {
 constexpr size_t kFirstChunk = 4;
 
 // What FileReader does without patience for odd chips: a table and a counter are all that it remembers.
-int32_t read_next(SessionConfig& cfg, SecureChannel& channel, FileTable& files, Bytes answer,
+int32_t read_next(SessionConfig& cfg, PassportSession& session, FileTable& files, uint32_t answer_len,
                   uint16_t file_id, uint8_t step) {
-  ChipAnswer a;
-  ChipAnswer::open(cfg, channel, answer, a);
+  Secret<TQ_CARD_ANSWER_MAX> plain;
+  const int32_t plain_len =
+      passport_file_data_anlysis(&cfg, session.answer, answer_len, session.ksenc, session.ksmac, session.ssc,
+                                 plain.data(), static_cast<uint32_t>(plain.size()));
   PassportFileRecord* row = files.find(file_id);
   const size_t asked = row == nullptr ? kFirstChunk : std::min<size_t>(num_missing(*row), cfg.readChunkSize);
   if (row != nullptr) row->status = cfg.lastStatusWord;
   const bool is_new = row == nullptr;
   if (is_new) row = files.append(file_id, cfg.lastStatusWord);
-  if (!a.good()) return a.code();
-  const Bytes chunk = a.data().first(std::min(a.data().size(), asked));
+  if (plain_len < 0) return plain_len;
+  const Bytes chunk = plain.bytes().first(std::min(static_cast<size_t>(plain_len), asked));
   if (is_new) {
     if (row == nullptr || !begin_file(*row, chunk)) return TQ_CARD_FAILED;
   } else {
@@ -231,10 +232,11 @@ int32_t read_next(SessionConfig& cfg, SecureChannel& channel, FileTable& files, 
   }
   if (chunk.empty() || num_missing(*row) == 0) return 0;
   const size_t count = std::min<size_t>(num_missing(*row), cfg.readChunkSize);
-  const PlainCommand command = {
-      .header = {0x00, 0xB0, static_cast<uint8_t>(row->received >> 8), static_cast<uint8_t>(row->received)},
-      .le = static_cast<uint8_t>(count)};
-  return send_protected(cfg, channel, command, step) ? 1 : int32_t{TQ_CARD_FAILED};
+  const std::array<uint8_t, 5> command = {0x00, 0xB0, static_cast<uint8_t>(row->received >> 8),
+                                          static_cast<uint8_t>(row->received), static_cast<uint8_t>(count)};
+  const int32_t rc = passport_read_file(&cfg, command.data(), static_cast<uint32_t>(command.size()), step,
+                                        session.ksenc, session.ksmac, session.ssc, 1);
+  return rc < 0 ? int32_t{TQ_CARD_FAILED} : 1;
 }
 
 }  // namespace
@@ -275,9 +277,8 @@ int32_t passport_file_read_next(SessionConfig* ctx, uint32_t answer_len, uint16_
                                 PassportSession* session, PassportFileRecord* table, uint32_t* count) {
   if (ctx == nullptr || session == nullptr || table == nullptr || count == nullptr) return TQ_CARD_FAILED;
   if (answer_len > TQ_CARD_ANSWER_MAX) return TQ_CARD_FAILED;
-  tq::CallersChannel callers(session->ksenc, session->ksmac, session->ssc);
   tq::FileTable files(table, *count);
-  return tq::read_next(*ctx, callers.channel, files, {session->answer, answer_len}, fileId, step);
+  return tq::read_next(*ctx, *session, files, answer_len, fileId, step);
 }
 
 }  // extern "C"

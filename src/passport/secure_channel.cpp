@@ -39,6 +39,7 @@ struct ProtectedAnswer {
   Bytes authenticated;  // the objects in front of the MAC's, as they came
   Bytes cryptogram;     // whole blocks, or nothing
   Bytes mac;
+  size_t len = 0;  // of all objects
 };
 
 bool next_is(const ByteReader& r, uint8_t tag) {
@@ -70,6 +71,7 @@ bool parse_answer(Bytes answer, size_t block_len, ProtectedAnswer& out) {
   if (next_is(r, kTagStatus) && !skip_status(r)) return false;
   a.authenticated = answer.first(answer.size() - r.size());
   if (!r.u8(tag) || !r.u8(len) || tag != kTagMac || len != kMacLen || !r.take(len, a.mac)) return false;
+  a.len = answer.size() - r.size();
   out = a;
   return true;
 }
@@ -143,7 +145,8 @@ Opened SecureChannel::open(Bytes answer, std::span<uint8_t> out, size_t& len) {
   ProtectedAnswer parts;
   if (!parse_answer(answer, block, parts)) return Opened::kMalformed;
   // For the MAC's input, and then for the deciphered data, which are shorter.
-  const std::array<uint8_t, 16> counter_before = counter_;
+  std::array<uint8_t, 16> counter_before = counter_;
+  const WipeOnExit wipe_counter(counter_before);
   advance();
   const size_t input_len = block + parts.authenticated.size();
   ScratchBuffer work(padded_len(input_len, block));
@@ -160,6 +163,11 @@ Opened SecureChannel::open(Bytes answer, std::span<uint8_t> out, size_t& len) {
   len = std::min(data.size(), out.size());
   static_cast<void>(copy_bytes(data.first(len), out));
   return Opened::kYes;
+}
+
+size_t SecureChannel::objects_len(Bytes answer) const {
+  ProtectedAnswer parts;
+  return parse_answer(answer, block_len(keys_.suite), parts) ? parts.len : 0;
 }
 
 size_t SecureChannel::most_data() const {

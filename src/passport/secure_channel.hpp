@@ -65,6 +65,9 @@ class SecureChannel {
   // `out`, which may be the answer. Only an answer that holds moves the counter and writes anything.
   [[nodiscard]] Opened open(std::span<const uint8_t> answer, std::span<uint8_t> out, size_t& len);
 
+  // Bytes of an answer up to and with the object of its MAC; 0 for one that is not protected.
+  size_t objects_len(std::span<const uint8_t> answer) const;
+
   // The chip has counted an answer that could not be opened.
   void count_lost_answer() { advance(); }
 

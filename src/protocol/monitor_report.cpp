@@ -81,7 +81,7 @@ bool send_monitor_report(SessionConfig& cfg, const MonitorReport& report) {
 
   if (current_read_stopped()) return false;
   const int32_t text_len = cfg.monitorCallback(&record, reinterpret_cast<char*>(buffer.data()), kLongestText);
-  if (text_len == kNotAsked) return false;
+  if (text_len == kNotAsked && current_read_stopped()) return false;
   if (text_len < 0 || static_cast<uint32_t>(text_len) > kLongestText) return true;
   const auto text = buffer.bytes().first(static_cast<size_t>(text_len));
   const int32_t len = build_monitor_request(cfg, text, report.work_key, buffer.bytes(), report.prefix);

@@ -111,6 +111,11 @@ describe('passport: chips as they are', { concurrency: 4 }, () => {
     told([{ on: 'READ DG11', nth: 2, do: 'statusWord', status: '6C40' }, { on: 'READ DG11', nth: 3, do: 'statusWord', status: '6C20' }],
       { passport: kLong11, ...lost({ dg11: '6C20' }) }),
     told([{ on: 'READ DG11', nth: 1, do: 'noData' }, { on: 'READ DG11', nth: 3, do: 'shortData', count: 1 }], { passport: kLong11 }),
+    // a reader's zero behind the status does not hide it
+    ...[{ on: 'READ DG2', do: 'mostLe', le: 128, protected: true }, { on: 'READ DG2', do: 'mostLe', le: 128, status: '6C', protected: true },
+      { on: 'READ DG2', do: 'mostLe', le: 96, status: '6C' }, { on: 'INTERNAL AUTHENTICATE', do: 'warning', status: '6110' }]
+      .map((rule) => told([rule, { on: 'any', do: 'trailingZero' }])),
+    told([{ on: 'READ DG2', nth: 3, do: 'warning', status: '6282' }, { on: 'any', do: 'trailingZero' }], noted({ dg2: '87618200' })),
   ].map((row) => ({ passport: kBrief, ...kFew, ...row })));
 
   testReads('answers that bring little or nothing', [

@@ -32,7 +32,8 @@ struct Board {
   bool unfinished = false;
   bool accepts_answers = false;
   bool command_lost = false;
-  uint64_t working = 0;  // ticket of the read whose worker is at work; 0 = none
+  bool reporting = false;  // the application has been shown the monitor record: the result follows
+  uint64_t working = 0;    // ticket of the read whose worker is at work; 0 = none
   std::array<CardAnswer, kMaxWaitingAnswers> answers{};
   size_t num_answers = 0;
 
@@ -180,6 +181,7 @@ int32_t start_read(ReadKind kind, const SessionConfig& cfg, ReadBody body, Inter
   b.unfinished = true;
   b.accepts_answers = false;
   b.command_lost = false;
+  b.reporting = false;
   b.clear_answers();
   if (b.working != 0) interrupt();
   b.changed.notify_all();
@@ -236,7 +238,7 @@ void lose_command(uint64_t read) {
 bool read_in_progress(const SessionConfig* owner) {
   Board& b = board();
   const std::lock_guard lock(b.mutex);
-  return b.unfinished && b.owner == owner && !(b.cancelled.load() && b.accepts_answers);
+  return b.unfinished && b.owner == owner && !(b.cancelled.load() && b.accepts_answers && !b.reporting);
 }
 
 const SessionConfig* current_read_owner() {
@@ -251,8 +253,12 @@ bool is_newest_read(uint64_t number) {
   return board().newest.load() == number;
 }
 
-bool is_read_stopped(uint64_t number) {
-  return !is_newest_read(number) || board().cancelled.load();
+bool begin_report(uint64_t number) {
+  Board& b = board();
+  const std::lock_guard lock(b.mutex);
+  if (!is_newest_read(number) || b.cancelled.load()) return false;
+  b.reporting = true;
+  return true;
 }
 
 bool current_read_superseded() {

@@ -87,7 +87,7 @@ void cancel_read(ReadKind kind, const SessionConfig* owner, Interrupt interrupt)
 void lose_command(uint64_t read);
 
 // True while the read started with `owner` may still have something to report: it is neither finished nor
-// superseded, and no cancelled one that has got beyond its authentication.
+// superseded, nor cancelled between its authentication and its report.
 bool read_in_progress(const SessionConfig* owner);
 
 // On a worker thread: the record that its read was started with, as an identity only. Null elsewhere.
@@ -99,8 +99,9 @@ uint64_t current_read_number();
 // False once the read of this number has been superseded.
 bool is_newest_read(uint64_t number);
 
-// True once the read of this number has been superseded or cancelled.
-bool is_read_stopped(uint64_t number);
+// Right before the application is shown the monitor record: from then on a cancel no longer keeps the result
+// back. False when the read of this number has been superseded or cancelled.
+bool begin_report(uint64_t number);
 
 // Returned for a question that a stopped read no longer puts to the application.
 constexpr int32_t kNotAsked = -2;
