@@ -3,10 +3,11 @@
 import assert from 'node:assert/strict';
 import { test } from 'node:test';
 import { STEPS } from '../../simulator/lib/identity-card.mjs';
-import { check, Process, SANITIZED, testReads } from './support.mjs';
+import { check, Process, SANITIZED, testReads, USUAL_FILES } from './support.mjs';
 
 const kSoon = SANITIZED ? 500 : 20; // ms for a cancel to end an exchange
 const kSlow = { server: 201 };
+const kPassport = { brief: true };
 const kExchanges = [['0x5001'], ['0x5012', kSlow], ['0x5022', kSlow], ['0x5032'], ['0x6002'], ['0x6113'], ['0x6102', {}, { readMode: 1 }]];
 const silentAt = (on) => ({ rules: [{ on, nth: 1, do: 'silence' }] });
 
@@ -26,9 +27,8 @@ testReads('cancel', [
 
 test('a cancel ends an exchange at once', async () => {
   const child = new Process();
-  const passport = { brief: true };
   for (const [on, silent, document] of [['0x7500', false], ['0x5001', true], ['0x6113', true], ['0x7219', false],
-    ['0x7201', true, { passport }], ['0x7202', true, { passport }], ['0x7219', false, { passport }]]) {
+    ['0x7201', true, { passport: kPassport }], ['0x7202', true, { passport: kPassport }], ['0x7219', false, { passport: kPassport }]]) {
     const row = { ...document, server: silentAt(on), trigger: { on, do: document ? 'cancel1' : 'cancel' }, silent, again: false };
     const took = [];
     const medianOf = (values) => values.sort((a, b) => a - b)[Math.floor(values.length / 2)];
@@ -61,8 +61,14 @@ test('another read takes over while the first connects', async () => {
 
 test('another read takes over at the monitor record', async () => {
   const child = new Process();
-  const outcome = await child.call('perform', { server: silentAt('0x7219'), trigger: { on: '0x7219', do: 'start' } });
-  assert.deepEqual([outcome.monitors.length, outcome.reports, outcome.connections], [2, outcome.monitors, 2]);
-  check({ ...outcome, monitors: outcome.monitors.slice(1), reports: outcome.reports.slice(1) }, {});
+  for (const [action, files = '', row = {}] of [['start'],
+    ['startCard', USUAL_FILES[2], { passport: kPassport, ends: 'card' }], ['startPassport', USUAL_FILES[2], { passport: kPassport, ends: 'passport' }]]) {
+    const { ends, ...setting } = row;
+    const outcome = await child.call('perform', { ...setting, server: silentAt('0x7219'), trigger: { on: '0x7219', do: action } });
+    const { monitors, reports } = outcome;
+    assert.match(monitors[0], new RegExp(`"result_code": 0, .* "sod_file": "${files}"`));
+    assert.deepEqual(reports, monitors);
+    check({ ...outcome, monitors: monitors.slice(1), reports: reports.slice(1) }, { ends, connections: ends ? undefined : 2 });
+  }
   await child.end();
 });

@@ -2,7 +2,7 @@
 
 import assert from 'node:assert/strict';
 import { test } from 'node:test';
-import { Process, testReads } from './support.mjs';
+import { asRule, failingAt, noAnswer, Process, testReads } from './support.mjs';
 
 /** Each server command: how a read gets there, the result when nothing else is said, and who is told. */
 const kCommands = {
@@ -22,9 +22,7 @@ const kBlock = ['badPadding', 'opaqueAll', 'opaquePast', 'blockLength', 'blockSh
 const kKinds = { '0x7500': [...kFrame, ...kBlock], '0x6102': kFrame, '0x6113': [...kFrame, 'tagLengthPastEnd', 'flagByte'] };
 const kindsOf = (command) => kKinds[command] ?? [...kFrame, ...kSecret];
 
-const asRule = (kind) => ({ do: 'malformed', ...(typeof kind === 'string' ? { kind } : kind) });
-const failing = (on, rules, row = {}) => ({ name: `${on}: ${rules.map((rule) => Object.values(rule).join(' ')).join(', ')}`,
-  ...kCommands[on], server: { rules: rules.map((rule) => ({ on, ...rule })) }, ...row });
+const failing = failingAt(kCommands);
 // whatever is wrong with the answer to 0x6102, 0x6113 takes its place
 const malformed = (on) => (on === '0x6102' ? { last: ['0x6113', 'READ 6013'] } : { code: -35006 });
 
@@ -48,11 +46,8 @@ testReads('status of the server', kStatuses.flatMap(([status, code]) => [
   failing('0x5001', [{ do: 'malformed', kind: 'errorCommand', status }], { code: -35006 }),
 ]));
 
-const kNoAnswer = [[{ do: 'close' }], [{ do: 'reset' }],
-  ...[{ kind: 'lengthLong' }, { kind: 'lengthHuge' }, ...[1, 2, 3, 11, 16, -1].map((at) => ({ kind: 'cut', at }))].map((rule) =>
-    [{ do: 'malformed', ...rule }, { do: 'hangup' }])];
 testReads('connection lost', [
-  ...Object.keys(kCommands).flatMap((on) => kNoAnswer.map((rules) =>
+  ...Object.keys(kCommands).flatMap((on) => noAnswer(1, 2, 3, 11, 16, -1).map((rules) =>
     failing(on, rules, { code: -22003, told: kCommands[on].told ?? 'application' }))),
   ...['close', 'reset'].map((action) => ({ name: `${action} at once`, server: { rules: [{ on: 'connect', do: action }] }, code: -22003, told: 'none' })),
   // nobody looks at the answer to the monitor record

@@ -1,10 +1,9 @@
 // Passport reads that are broken off, or superseded by another read of either kind, at every step.
 
-import assert from 'node:assert/strict';
-import { describe, test } from 'node:test';
+import { describe } from 'node:test';
 import { STEPS } from '../../simulator/lib/identity-card.mjs';
 import { PACE_STEPS } from '../../simulator/lib/passport/chip.mjs';
-import { check, Process, testReads, USUAL_FILES } from './support.mjs';
+import { testReads } from './support.mjs';
 
 const kPassport = { brief: true };
 const kPaceAlone = { persona: 'paceAlone', brief: true };
@@ -57,17 +56,4 @@ describe('passport: reads that are broken off', { concurrency: 4 }, () => {
       cardRules: silentCard(on) }))]);
   testReads('another read takes over from a card read, where passports are concerned',
     takeover('card', STEPS, kCardExchanges).filter(({ ends }) => ends === 'passport'));
-
-  test('another read takes over at the monitor record of a passport', async () => {
-    const child = new Process();
-    for (const ends of ['card', 'passport']) {
-      const outcome = await child.call('perform', { passport: kPassport, server: silentAt('0x7219'),
-        trigger: { on: '0x7219', do: ends === 'card' ? 'startCard' : 'startPassport' } });
-      const [first] = outcome.monitors;
-      assert.match(first, new RegExp(`"result_code": 0, .* "sod_file": "${USUAL_FILES[2]}"`));
-      assert.deepEqual(outcome.reports, outcome.monitors);
-      check({ ...outcome, monitors: outcome.monitors.slice(1), reports: outcome.reports.slice(1) }, { ends });
-    }
-    await child.end();
-  });
 });

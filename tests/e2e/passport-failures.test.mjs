@@ -3,13 +3,12 @@
 
 import assert from 'node:assert/strict';
 import { describe, test } from 'node:test';
-import { alone, Process, sodText, testReads, USUAL_FILES } from './support.mjs';
+import { alone, asRule, failingAt, noAnswer, Process, sodText, testReads, USUAL_FILES } from './support.mjs';
 
-const kPassport = { brief: true };
-const kCommands = { '0x7500': { told: 'none' }, '0x7201': {}, '0x7202': { sod: USUAL_FILES[2] } };
-const failing = (on, rules, row = {}) => ({ name: `${on}: ${rules.map((rule) => Object.values(rule).join(' ')).join(', ')}`,
-  passport: kPassport, ...kCommands[on], server: { rules: rules.map((rule) => ({ on, ...rule })) }, ...row });
-const asRule = (kind) => ({ do: 'malformed', ...(typeof kind === 'string' ? { kind } : kind) });
+const passport = { brief: true };
+const kCommands = { '0x7500': { passport, told: 'none' }, '0x7201': { passport }, '0x7202': { passport, sod: USUAL_FILES[2] },
+  '0x7219': { passport } };
+const failing = failingAt(kCommands);
 
 const kFrame = ['headerByte', { kind: 'headerByte', byte: 0x70 }, 'lengthShort', 'commandCode', 'errorCommand', 'parameterSmall', 'typeByte',
   'checksum', 'emptyPayload', 'notBlockMultiple'];
@@ -17,18 +16,15 @@ const kKinds = { '0x7500': ['headerByte', 'opaqueAll', 'blockChecksum'],
   '0x7201': [...kFrame, 'badPadding', 'token', { kind: 'typeByte', byte: 0x99 }],
   '0x7202': [...kFrame, 'badPadding', 'flagByte', 'tagLengthPastEnd', { kind: 'typeByte', byte: 0xaa }] };
 const kStatuses = [['001301', -1301], ['002005', -2005], ['999999', -999999], ['12345A', -12345], ['000001', -35006], ['FFFFFF', -35006]];
-const kNoAnswer = [[{ do: 'close' }], [{ do: 'reset' }],
-  ...[{ kind: 'lengthLong' }, ...[1, 3, 4, 5, 13, -1].map((at) => ({ kind: 'cut', at }))].map((rule) =>
-    [{ do: 'malformed', ...rule }, { do: 'hangup' }])];
 // the token has been handed out by a connection of its own, so that a third brings the record whatever became of the second
 const kTold = { '0x7500': 'none', '0x7201': 'application', '0x7202': 'both' };
 
 describe('passport: failures', { concurrency: 4 }, () => {
-  testReads('passport: the server', Object.keys(kCommands).flatMap((on) => [
+  testReads('passport: the server', Object.keys(kTold).flatMap((on) => [
     ...kKinds[on].map((kind) => failing(on, [asRule(kind)], { code: -35006 })),
     failing(on, [{ do: 'extra', bytes: '00' }], { code: -35006 }),
     ...kStatuses.map(([status, code]) => failing(on, [{ do: 'status', status }], { code })),
-    ...kNoAnswer.map((rules) => failing(on, rules, { code: -22003, told: kTold[on] })),
+    ...noAnswer(1, 3, 4, 5, 13, -1).map((rules) => failing(on, rules, { code: -22003, told: kTold[on] })),
   ]).concat([
     ...[{ do: 'close' }, { do: 'reset' }, { do: 'malformed', kind: 'checksum' }, { do: 'status', status: '009999' }].map((rule) =>
       failing('0x7219', [rule])), // nobody looks at the answer to the monitor record
@@ -36,7 +32,7 @@ describe('passport: failures', { concurrency: 4 }, () => {
 
   // --- the chip ----------------------------------------------------------------------------------------------------------
 
-  const chip = (name, rules, row = {}) => ({ name, passport: kPassport, cardRules: rules, ...row });
+  const chip = (name, rules, row = {}) => ({ name, passport, cardRules: rules, ...row });
   const at = (on, rule, row) => chip(`${on}: ${Object.values(rule).join(' ').slice(0, 60)}`, [{ on, ...rule }], row);
 
   const kAccess = [
@@ -117,7 +113,7 @@ describe('passport: failures', { concurrency: 4 }, () => {
       ...notActive('failed'), nfc: 0x6985 }),
   ];
   testReads('passport: EF.COM and EF.SOD, data groups, active authentication',
-    [...kLists, ...kDataGroups, ...kActive].map((row) => ({ passport: kPassport, ...row })));
+    [...kLists, ...kDataGroups, ...kActive].map((row) => ({ passport, ...row })));
 
   // --- arguments ---------------------------------------------------------------------------------------------------------
 

@@ -195,6 +195,17 @@ export function check(outcome, expected) {
   }
 }
 
+/** A way in which an answer of the server is malformed, by its name or with more about it. */
+export const asRule = (kind) => ({ do: 'malformed', ...(typeof kind === 'string' ? { kind } : kind) });
+
+/** Makes rows of reads whose server follows rules at the command `on`, of which `commands` say how a read gets there. */
+export const failingAt = (commands) => (on, rules, row = {}) => ({ name: `${on}: ${rules.map((rule) => Object.values(rule).join(' ')).join(', ')}`,
+  ...commands[on], server: { rules: rules.map((rule) => ({ on, ...rule })) }, ...row });
+
+/** The connection ends without an answer, or in the middle of one: after so many bytes (all but as many, when negative). */
+export const noAnswer = (...lengths) => [[{ do: 'close' }], [{ do: 'reset' }],
+  ...['lengthLong', 'lengthHuge', ...lengths.map((at) => ({ kind: 'cut', at }))].map((kind) => [asRule(kind), { do: 'hangup' }])];
+
 /** A table of reads in one process; each row: name, what `perform` takes and what `check` expects. */
 export function testReads(title, cases) {
   test(title, async (t) => {
