@@ -27,7 +27,8 @@ TEST(CardRelay, NumbersBeyondTheLast) {
   EXPECT_EQ(seen, hex(Bytes(300, 0x5A)) + "/3");
   EXPECT_EQ(cfg.lastCommandLength, 32);
   for (const auto& answer : {from_hex("AA9000"), from_hex("9000")})  // without room for data
-    EXPECT_EQ(tq_read_card_anlysis(&cfg, answer.data(), len(answer), nullptr, 5), answer.size() == 2 ? 0 : -1);
+    EXPECT_EQ(tq_read_card_anlysis(&cfg, answer.data(), len(answer), nullptr, 5),
+              answer.size() == 2 ? 0 : -1);
 }
 
 }  // namespace
