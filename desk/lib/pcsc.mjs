@@ -26,6 +26,7 @@ const ERRORS = {
   '8010006A': ['NOT_ALLOWED', 'This user may not use the card reader. Ask for access to PC/SC (polkit), or run as root.'],
   '80100016': ['EXCHANGE_FAILED', 'The reader lost the card in the middle of a command. Move it less, or turn it over.'],
   '8010002F': ['EXCHANGE_FAILED', 'The reader lost the card in the middle of a command. Move it less, or turn it over.'],
+  ended: ['PCSC', 'What asks the PC/SC service has ended (build/desk/tqreader-pcsc). Build it anew, and start again.'],
 };
 const kNotBuilt = 'The desk is not built yet. "./run desk" and "./run read-passport" build it.';
 
@@ -46,7 +47,7 @@ class Program extends EventEmitter {
     super();
     if (!existsSync(kProgram)) throw new Error(kNotBuilt);
     this.#process = spawn(kProgram, args, { stdio: ['pipe', 'pipe', 'ignore'] });
-    this.#process.stdin.on('error', () => {}); // it has ended; 'end' follows
+    for (const each of [this.#process, this.#process.stdin]) each.on('error', () => {}); // it has ended; 'end' follows
     const lines = createInterface({ input: this.#process.stdout });
     lines.on('line', (line) => this.emit('line', line.split('\t')));
     lines.on('close', () => this.emit('end'));
@@ -79,6 +80,7 @@ export class ReaderWatch extends EventEmitter {
     this.readers = [];
     this.error = null;
     this.#program.on('line', ([what, ...rest]) => (what === 'failed' ? this.#fail(rest[0]) : this.#tell(rest)));
+    this.#program.on('end', () => this.#fail('ended'));
   }
 
   close() {
