@@ -238,7 +238,7 @@ void lose_command(uint64_t read) {
 bool read_in_progress(const SessionConfig* owner) {
   Board& b = board();
   const std::lock_guard lock(b.mutex);
-  return b.unfinished && b.owner == owner && !(b.cancelled.load() && b.accepts_answers && !b.reporting);
+  return b.unfinished && b.owner == owner && (!b.cancelled.load() || !b.accepts_answers || b.reporting);
 }
 
 const SessionConfig* current_read_owner() {
